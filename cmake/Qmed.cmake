@@ -1,0 +1,66 @@
+# Shared build settings for the daemon, the host platform, tools and tests.
+option(QMED_BUILD_BENCH "Build the benchmarks under bench/" ON)
+option(QMED_BUILD_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
+
+set(QMED_WARNINGS -Wall -Wextra)
+add_compile_options(${QMED_WARNINGS})
+
+# Sanitizer build types.
+set(QMED_ASAN_FLAGS "-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined")
+set(QMED_TSAN_FLAGS "-fsanitize=thread -fno-omit-frame-pointer")
+foreach(lang C CXX)
+  set(CMAKE_${lang}_FLAGS_ASAN "-O1 -g ${QMED_ASAN_FLAGS}" CACHE STRING "" FORCE)
+  set(CMAKE_${lang}_FLAGS_TSAN "-O1 -g ${QMED_TSAN_FLAGS}" CACHE STRING "" FORCE)
+endforeach()
+set(CMAKE_EXE_LINKER_FLAGS_ASAN "${QMED_ASAN_FLAGS}" CACHE STRING "" FORCE)
+set(CMAKE_SHARED_LINKER_FLAGS_ASAN "${QMED_ASAN_FLAGS}" CACHE STRING "" FORCE)
+set(CMAKE_EXE_LINKER_FLAGS_TSAN "${QMED_TSAN_FLAGS}" CACHE STRING "" FORCE)
+set(CMAKE_SHARED_LINKER_FLAGS_TSAN "${QMED_TSAN_FLAGS}" CACHE STRING "" FORCE)
+
+# Debian's AOSP libraries: headers in /usr/include/android, libraries in
+# /usr/lib/<triplet>/android.
+if(CMAKE_LIBRARY_ARCHITECTURE)
+  set(QMED_TRIPLET ${CMAKE_LIBRARY_ARCHITECTURE})
+elseif(CMAKE_CXX_LIBRARY_ARCHITECTURE)
+  set(QMED_TRIPLET ${CMAKE_CXX_LIBRARY_ARCHITECTURE})
+endif()
+set(QMED_ANDROID_LIBDIR /usr/lib/${QMED_TRIPLET}/android)
+find_library(QMED_LIBUTILS utils PATHS ${QMED_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
+find_library(QMED_LIBLOG log PATHS ${QMED_ANDROID_LIBDIR} NO_DEFAULT_PATH REQUIRED)
+find_library(QMED_LIBSAFEC safec REQUIRED)
+find_package(Threads REQUIRED)
+
+add_library(qmed_android INTERFACE)
+target_include_directories(qmed_android SYSTEM INTERFACE /usr/include/android /usr/include/safeclib)
+target_link_libraries(qmed_android INTERFACE ${QMED_LIBUTILS} ${QMED_LIBLOG} ${QMED_LIBSAFEC}
+                      Threads::Threads ${CMAKE_DL_LIBS})
+target_link_options(qmed_android INTERFACE "LINKER:-rpath,${QMED_ANDROID_LIBDIR}")
+
+# The daemon's logic: one static library that the daemon, tools, tests and fuzzers link.
+# Each source folder adds its files with target_sources(qmed PRIVATE ...).
+add_library(qmed STATIC)
+target_include_directories(qmed PUBLIC ${CMAKE_SOURCE_DIR})
+target_link_libraries(qmed PUBLIC qmed_platform qmed_android)
+
+# qmed_add_gtest(NAME src... [LIBS lib...] [LABELS label...] [WRAPPER cmd...])
+# Builds a GoogleTest binary into bin/ and registers one CTest test per case.
+# WRAPPER runs the binary through a command (for example tools/qmed-ns for a
+# private mount/network namespace).
+find_package(GTest REQUIRED)
+include(GoogleTest)
+function(qmed_add_gtest name)
+  cmake_parse_arguments(T "" "" "LIBS;LABELS;WRAPPER;PROPERTIES" ${ARGN})
+  add_executable(${name} ${T_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE qmed qmed_testsupport ${T_LIBS} GTest::gmock GTest::gtest)
+  set(_labels unit)
+  if(T_LABELS)
+    set(_labels ${T_LABELS})
+  endif()
+  if(T_WRAPPER)
+    add_test(NAME ${name} COMMAND ${T_WRAPPER} $<TARGET_FILE:${name}>)
+    set_tests_properties(${name} PROPERTIES LABELS "${_labels}" TIMEOUT 600 ${T_PROPERTIES})
+  else()
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+                         PROPERTIES LABELS "${_labels}" TIMEOUT 300 ${T_PROPERTIES})
+  endif()
+endfunction()
