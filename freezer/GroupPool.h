@@ -1,0 +1,51 @@
+#pragma once
+
+#include <utils/List.h>
+#include <utils/Mutex.h>
+#include <utils/RefBase.h>
+#include <utils/String8.h>
+
+#include "freezer/CGroup.h"
+
+// Pool of pre-created, uniquely named freezer groups, handed out one per frozen process.
+//
+// Threading: getGroup and putGroup take mLock (always inside the Freezer's mutex, never the
+// other way round). The constructor, createGroupPool and deleteGroupPool run without mLock and
+// are called only while the Freezer initialises or tears down.
+class GroupPool : public android::RefBase {
+  public:
+    static constexpr const char* kRandomSource = "/dev/urandom";
+
+    // `root` and `randomSource` are injectable for tests; the defaults are the daemon's.
+    explicit GroupPool(unsigned int size,
+                       android::String8 root = android::String8(CGroup::kFrzRoot),
+                       android::String8 randomSource = android::String8(kRandomSource));
+
+    bool createGroupPool();
+    android::sp<CGroup> getGroup();
+    void putGroup(android::sp<CGroup> group);
+    void deleteGroupPool();
+
+    // The name prefix for the current vp_type: "Group_" or "VP<n>_Group_".
+    static android::String8 getNamePrefix();
+
+    // Inspection for tests and dumps; take mLock.
+    size_t size();
+    size_t freeCount();
+
+  private:
+    void clearGroups();
+    android::sp<CGroup> createGroup();
+    bool addGroup(android::sp<CGroup> group);
+    bool deleteGroup(android::sp<CGroup> group);
+    android::String8 getAvailableName();
+    bool isNameAvailable(android::String8 name);
+    android::String8 getRandomString();
+
+    android::List<android::sp<CGroup>> mGroups;
+    android::Mutex mLock;
+    uint32_t mGroupCount;
+    uint32_t mPoolSize;
+    android::String8 mRoot;
+    android::String8 mRandomSource;
+};
