@@ -1,0 +1,87 @@
+#pragma once
+
+#include <stdint.h>
+
+#include <binder/IBinder.h>
+#include <utils/KeyedVector.h>
+#include <utils/Mutex.h>
+#include <utils/RefBase.h>
+#include <utils/String16.h>
+#include <utils/Vector.h>
+
+#include "listener/IQmedBinderListener.h"
+
+class Freezer;
+class Spear;
+
+// Event handed to IQmedBinderListenerService::handleMessage. The words are
+// pointer-sized so that pointers fit on 64-bit hosts as well.
+//   type 1: arg1 = payload pointer, arg2 = payload length in bytes
+//   type 2: arg1 = pointer to int32 values, arg2 = count
+//   type 4: arg1 = pid, arg2 = pointer to the reason text
+struct Message {
+    intptr_t arg1;
+    intptr_t arg2;
+};
+
+// Listener type mask bits and handleMessage types.
+enum {
+    TYPE_LISTENER_onKstateCallback = 1,
+    TYPE_LISTENER_onNetworkPacketCallback = 2,
+    TYPE_LISTENER_onStopProcSpearCallback = 4,
+    TYPE_LISTENER_dump = 0x20000000,
+};
+
+// Registry of client callbacks. Every public method may be called from any
+// thread; mLock serialises them and is held while callbacks run, so a slow
+// listener delays other posters. Lock order: callers may hold the limiter's
+// lock when they post, never the other way round.
+class IQmedBinderListenerService : public virtual android::RefBase {
+public:
+    enum {
+        RESULT_OK = 0,
+        RESULT_NULL_LISTENER = 1,
+        RESULT_ALREADY_REGISTERED = 2,
+        RESULT_NOT_REGISTERED = 3,
+        RESULT_INVALID_TYPE = 4,
+    };
+
+    // Not locked: the first call happens during start-up.
+    static android::sp<IQmedBinderListenerService> getInstance();
+
+    // Takes the freezer and limiter singletons.
+    IQmedBinderListenerService();
+    // For tests: explicit engines (either may be null).
+    IQmedBinderListenerService(const android::sp<Freezer>& freezer, const android::sp<Spear>& spear);
+    ~IQmedBinderListenerService() override;
+
+    int registerListener(const android::sp<IQmedBinderListener>& listener, int type);
+    int unregisterListener(const android::sp<IQmedBinderListener>& listener);
+    // Called with mLock held.
+    int getListenerIndex(const android::sp<IQmedBinderListener>& listener);
+    void clearDeadListeners(const android::wp<android::IBinder>& who);
+    // Called with mLock held.
+    bool shouldReport(int callerPid, int targetPid);
+    void handleMessage(int type, Message msg);
+    int dump(int fd, const android::Vector<android::String16>& args);
+
+    // For tests and dumps.
+    size_t listenerCount();
+    int systemServerPid() const { return mSystemServerPid; }
+    int cxspPid() const { return mCxspPid; }
+
+private:
+    void reportKstate(int len, const unsigned char* payload);
+
+    android::KeyedVector<android::sp<IQmedBinderListener>, unsigned int> mListeners;
+    android::Mutex mLock;
+    android::sp<Freezer> mFreezer;
+    int mSystemServerPid;
+    int mCxspPid;
+    android::KeyedVector<int, long> mReportTime;
+    android::sp<Spear> mSpear;
+};
+
+// Pid of the first process whose short name equals name, 0 when none.
+// procRoot is injectable for tests.
+int getPidByName(const char* name, const char* procRoot = "/proc");
