@@ -1,0 +1,184 @@
+#pragma once
+
+#include <dirent.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/time.h>
+#include <time.h>
+#include <utils/Mutex.h>
+#include <utils/RefBase.h>
+#include <utils/StrongPointer.h>
+
+#include <atomic>
+
+class IQmedBinderListenerService;
+
+// Plain records of the limiter. They live in C-allocated memory and are keyed by
+// their first 32-bit field (a pid), so the leading field of every element type
+// must stay an int32 at offset 0.
+
+struct listNode {
+    void* data;
+    listNode* prev;
+    listNode* next;
+};
+
+struct list {
+    listNode* first;
+    listNode* last;
+    int keySize;
+    int count;
+};
+
+struct process {
+    int32_t pid;
+    int32_t ppid;
+    int32_t startTime;  // whole seconds after boot
+    int32_t cpuTime;    // user + system, milliseconds
+    float cpuUsage;     // share of one CPU, -1 until sampled
+};
+
+struct processFilter {
+    int32_t pid;  // 0: every process
+    bool includeChildren;
+};
+
+struct processIterator {
+    DIR* dip;
+    processFilter* filter;  // borrowed
+};
+
+constexpr int PROC_TABLE_SIZE = 1024;
+constexpr int PACKAGE_NAME_SIZE = 100;
+
+struct processGroup {
+    int32_t ownerPid;
+    float targetRate;
+    float workingRate;
+    float load;
+    float lastLoad;
+    float originLoad;
+    float err0;
+    float err1;
+    float err2;
+    list* procTable[PROC_TABLE_SIZE];
+    list* procList;
+    bool includeChildren;
+    bool pauseFlag;
+    struct timeval lastUpdate;
+    int32_t lowRateCount;
+    int32_t reportCount;
+    int32_t pauseLeft;
+    int32_t type;
+    char package[PACKAGE_NAME_SIZE];
+};
+
+static_assert(sizeof(listNode) == 3 * sizeof(void*), "listNode is three words");
+static_assert(sizeof(list) == 2 * sizeof(void*) + 2 * sizeof(int), "list is four fields");
+static_assert(sizeof(process) == 20, "process record is 20 bytes");
+static_assert(offsetof(process, pid) == 0 && offsetof(processGroup, ownerPid) == 0,
+              "list keys are the leading pid");
+static_assert(offsetof(process, cpuUsage) == 16, "process field order");
+static_assert(offsetof(processGroup, err2) == 8 * sizeof(float), "group field order");
+
+// The CPU rate limiter: up to MAX_GROUPS process groups held to their target
+// load by a one-second stop/continue cycle on a loop thread of its own.
+//
+// Threading: public commands are called from binder threads and take mLock.
+// The loop thread holds mLock from the continue phase through the stop-phase
+// sleeps. sendStopMessageToQm() posts to the listener registry with mLock held,
+// so the order is limiter then registry; nothing called from the registry's
+// locked section may call back into the limiter.
+class ProcessLimiter : public android::RefBase {
+  public:
+    static constexpr int MAX_GROUPS = 100;
+    static constexpr int AUTO_QUIT_LOW_CYCLES = 900;
+    static constexpr int GROUP_REPORT_INTERVAL = 60;
+
+    static android::sp<ProcessLimiter> getInstance();
+
+    // procRoot replaces "/proc" for every read; the procfs mount check always
+    // looks at the real "/proc".
+    explicit ProcessLimiter(const char* procRoot = "/proc");
+    ~ProcessLimiter() override;
+
+    bool isProcessLimiterInited();
+    int binderListener(android::sp<IQmedBinderListenerService> listener);
+
+    int add2LimiterGroup(int pid, int rate, int type, bool includeChildren);
+    int changeParam(int pid, int rate);
+    int pauseLimit(int pid, int time);
+    int quitLimit(int pid);
+    int quitLimitAll();
+    int resumeProc(int pid);
+    int islimitedPid(int pid);
+    int getPgroupNum();
+    int checkAbnormal();
+
+    // Lists. They touch no field of the limiter.
+    static listNode* addElem(list* l, void* elem);
+    static void deleteNode(list* l, listNode* node);
+    static void* locateElem(list* l, void* key);
+    static listNode* locateNode(list* l, void* key);
+    static void clearList(list* l);
+    static void destroyList(list* l);
+    // Elements must be processGroup*; orders by workingRate, ascending.
+    static void sortListBubble(listNode* first);
+
+    // procfs readers and the process iterator. No locking.
+    int initProcessIterator(processIterator* it, processFilter* filter);
+    int getNextProcess(processIterator* it, process* p);
+    int closeProcessIterator(processIterator* it);
+    int readProcessInfo(int pid, process* p);
+    int getPpidOf(int pid);
+    bool isPidEqualTgid(int pid);
+    int getProcName(int pid, char* name);
+
+    // Process groups. Called with mLock held.
+    void initProcessGroup(processGroup* g, int pid, bool includeChildren, float rate, int type);
+    void updateProcessGroup(processGroup* g);
+    int removeProcess(processGroup* g, int pid);
+    void noticeProcess(processGroup* g, int sig);
+    void closeProcessGroup(processGroup* g);
+    void adjustWorkingRate(processGroup* g);
+
+  protected:
+    // Time and thread hooks; tests override them to drive cycles directly.
+    virtual void currentTime(struct timeval* tv);
+    virtual void sleepFor(const struct timespec* ts);
+    virtual void startSpearLoop();
+
+    void initProcessLimiter();
+    void initLimiterGroup();
+    void spearLoop();
+    // One stop/continue cycle followed by the update; returns the group count.
+    int spearCycle();
+    void updateLimiterGroup();  // mLock held
+    void computeGroupLoad(processGroup* g);
+    bool judgeAutoQuit(listNode* node);                    // mLock held
+    void tgidErrQuit(listNode* node);                      // mLock held
+    int sendStopMessageToQm(int pid, const char* reason);  // mLock held
+    void increasePriority();
+    void reportProcGroup(processGroup* g);
+    void reportQmedState();
+    void releaseProcess(processGroup* g);  // mLock held
+    float convertRate(int rate);
+    processGroup* findGroup(int pid, bool skipGroupless);  // mLock held
+
+    android::sp<IQmedBinderListenerService> mListener;
+    list* mGroups;
+    processGroup* mSelfGroup;
+    struct timeval mLoopStart;
+    bool mInited;
+    struct timespec mSleep;
+    int32_t mLogInterval;
+    int32_t mGroupReportInterval;
+    int32_t mStateReportInterval;
+    std::atomic<bool> mLoopRunning;
+    android::Mutex mLock;
+    int32_t mCpuCount;
+    std::atomic<int32_t> mCycle;
+
+  private:
+    char mProcRoot[64];
+};
