@@ -2,8 +2,6 @@
 
 #include <atomic>
 
-namespace android {
-
 // One message channel of the hub. Owned by ChannelManager once added.
 // getMessage and processMessage run on the hub thread only; putMessage may be
 // called from any thread and must not rely on shared per-channel state.
@@ -33,5 +31,3 @@ class ChannelFactory {
     virtual ~ChannelFactory();
     virtual Channel* createChannel() = 0;
 };
-
-}  // namespace android

@@ -7,19 +7,17 @@
 
 #include "msghub/Channel.h"
 
-namespace android {
-
 // The kernel message hub: one thread selecting over every channel and routing
 // each message by the dst of its TLV header.
 // Threading: readyToRun/threadLoop/checkChannel/selectChannel/forwardMessage run
 // on the hub thread; getChannelById is called from any thread and takes mLock;
 // add takes mLock. Channels are added only on the hub thread (or before it runs).
-class ChannelManager : public Thread {
+class ChannelManager : public android::Thread {
   public:
     static constexpr int CHANNEL_MAX = 7;
     static constexpr unsigned kRecvBufferSize = 2048;
 
-    static sp<ChannelManager> getInstance();
+    static android::sp<ChannelManager> getInstance();
 
     // The factory of the first channel, added by readyToRun; null means the
     // netlink channel to the kernel module. Ownership passes to the manager.
@@ -41,13 +39,11 @@ class ChannelManager : public Thread {
     size_t channelCount();
 
   private:
-    status_t readyToRun() override;
+    android::status_t readyToRun() override;
     bool threadLoop() override;
 
-    List<Channel*> mChannels;
+    android::List<Channel*> mChannels;
     fd_set mReadFds;
-    Mutex mLock;
+    android::Mutex mLock;
     ChannelFactory* mFirstFactory;
 };
-
-}  // namespace android

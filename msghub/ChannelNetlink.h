@@ -2,8 +2,6 @@
 
 #include "msghub/Channel.h"
 
-namespace android {
-
 // Raw netlink socket (protocol 30) to the kernel module; one TLV message per
 // netlink message. putMessage is safe from any thread (own buffer per call).
 class ChannelNetlink : public Channel {
@@ -25,5 +23,3 @@ class ChannelNetlinkFactory : public ChannelFactory {
   public:
     Channel* createChannel() override;
 };
-
-}  // namespace android

@@ -5,8 +5,6 @@
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
 
-namespace android {
-
 class IQmedBinderListenerService;
 
 // Command record sent to the kernel module, byte-packed.
@@ -27,15 +25,15 @@ enum {
 // Inbound (processClientData, putMessageToBinder) runs on the hub thread;
 // outbound sends run on binder threads and the freezer's callers, lock-free,
 // each with its own buffer.
-class Kstate : public RefBase {
+class Kstate : public android::RefBase {
   public:
     // Largest payload the hub can receive in one message.
     static constexpr unsigned kMaxPayload = 2048 - 16;
     static constexpr unsigned kWakelockNameMax = 64;
 
-    static sp<Kstate> getInstance();
+    static android::sp<Kstate> getInstance();
 
-    int binderListener(sp<IQmedBinderListenerService> service);
+    int binderListener(android::sp<IQmedBinderListenerService> service);
     // buf holds len readable bytes: the whole TLV message.
     int processClientData(const char* buf, unsigned len);
     int putMessageToBinder(const char* data, unsigned len);
@@ -50,10 +48,8 @@ class Kstate : public RefBase {
     ~Kstate() override;
 
   private:
-    sp<IQmedBinderListenerService> listenerService();
+    android::sp<IQmedBinderListenerService> listenerService();
 
-    Mutex mLock;  // guards the hand-over of mListenerService to the hub thread
-    sp<IQmedBinderListenerService> mListenerService;
+    android::Mutex mLock;  // guards the hand-over of mListenerService to the hub thread
+    android::sp<IQmedBinderListenerService> mListenerService;
 };
-
-}  // namespace android

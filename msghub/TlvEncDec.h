@@ -2,8 +2,6 @@
 
 #include <stdint.h>
 
-namespace android {
-
 // Header of every message exchanged with the kernel module; host byte order, no padding.
 struct TLV_HEADER {
     int32_t tag;
@@ -58,5 +56,3 @@ class TlvEncDec {
     TlvProtocol mProtocol;
     int32_t mReserved;
 };
-
-}  // namespace android
