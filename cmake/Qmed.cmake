@@ -57,7 +57,7 @@ function(qmed_add_gtest name)
     set(_labels ${T_LABELS})
   endif()
   if(T_WRAPPER)
-    add_test(NAME ${name} COMMAND ${T_WRAPPER} $<TARGET_FILE:${name}>)
+    add_test(NAME ${name} COMMAND ${T_WRAPPER} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES LABELS "${_labels}" TIMEOUT 600 ${T_PROPERTIES})
   else()
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60

@@ -1,0 +1,252 @@
+#include "tests/support/DaemonHarness.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <sstream>
+
+namespace qmedtest {
+
+static std::atomic<int> gDaemonCounter{0};
+
+Daemon::Daemon(DaemonOptions opts) : mOpts(std::move(opts)) {
+    int n = gDaemonCounter++;
+    const char* base = getenv("BINDER_HOST_NS");
+    mBinderNs = std::string(base ? base : "qt") + "d" + std::to_string(getpid()) + "-" +
+                std::to_string(n) + ".";
+    char tmpl[] = "/tmp/qmedd.XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    mWorkDir = dir ? dir : "/tmp";
+}
+
+Daemon::~Daemon() {
+    kill(SIGKILL);
+    if (getenv("QMED_KEEP_LOGS") == nullptr && mWorkDir.rfind("/tmp/qmedd.", 0) == 0) {
+        runCommand({"rm", "-rf", mWorkDir});
+    }
+}
+
+void Daemon::writeProperties() const {
+    std::string text;
+    for (auto& kv : mOpts.properties) text += kv.first + "=" + kv.second + "\n";
+    writeFile(propertyFile(), text);
+}
+
+void Daemon::setProperty(const std::string& name, const std::string& value) {
+    for (auto& kv : mOpts.properties) {
+        if (kv.first == name) {
+            kv.second = value;
+            writeProperties();
+            return;
+        }
+    }
+    mOpts.properties.emplace_back(name, value);
+    writeProperties();
+}
+
+std::map<std::string, std::string> Daemon::clientEnv() const {
+    std::map<std::string, std::string> env;
+    env["BINDER_HOST_NS"] = mBinderNs;
+    env["QMED_PROPERTY_FILE"] = propertyFile();
+    return env;
+}
+
+RunOptions Daemon::clientOptions(uid_t uid) const {
+    RunOptions o;
+    o.uid = uid;
+    o.env = clientEnv();
+    return o;
+}
+
+ToolResult Daemon::qmedctl(const std::vector<std::string>& args, uid_t uid) const {
+    return runTool("qmedctl", args, clientOptions(uid));
+}
+
+ToolResult Daemon::service(const std::vector<std::string>& args, uid_t uid) const {
+    return runTool("service", args, clientOptions(uid));
+}
+
+bool Daemon::start(int timeoutMs) {
+    if (running()) return true;
+    writeProperties();
+    std::string logPath = mWorkDir + "/daemon.log";
+    std::string outPath = mWorkDir + "/daemon.out";
+    std::vector<std::string> argv = emulatorPrefix();
+    argv.push_back(toolPath("ykqmed"));
+    argv.insert(argv.end(), mOpts.args.begin(), mOpts.args.end());
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        setpgid(0, 0);
+        int err = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        int in = open("/dev/null", O_RDONLY);
+        if (err < 0 || out < 0 || in < 0) _exit(126);
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(err, 2);
+        for (auto& kv : clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        setenv("QMED_LOG_LEVEL", mOpts.logLevel.c_str(), 1);
+        for (auto& kv : mOpts.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        std::vector<char*> args;
+        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    mPid = pid;
+    if (!mOpts.waitForService) return true;
+    return waitUntil(
+            [&] {
+                if (!running()) return true;
+                ToolResult r = service({"check", "Binder.Qmed"});
+                return r.exitCode == 0 && r.out.find("not found") == std::string::npos &&
+                       r.out.find("found") != std::string::npos;
+            },
+            timeoutMs) &&
+           running();
+}
+
+bool Daemon::running() const {
+    if (mPid <= 0) return false;
+    int status;
+    pid_t r = waitpid(mPid, &status, WNOHANG | __WNOTHREAD);
+    if (r == mPid) {
+        const_cast<Daemon*>(this)->mPid = -1;
+        return false;
+    }
+    return ::kill(mPid, 0) == 0;
+}
+
+void Daemon::kill(int sig) {
+    if (mPid <= 0) return;
+    ::kill(mPid, sig);
+    if (sig == SIGKILL) {
+        waitpid(mPid, nullptr, 0);
+        mPid = -1;
+    }
+}
+
+bool Daemon::waitExit(int timeoutMs, int* status) {
+    if (mPid <= 0) return true;
+    int st = 0;
+    bool done = waitUntil([&] { return waitpid(mPid, &st, WNOHANG) == mPid; }, timeoutMs);
+    if (done) {
+        mPid = -1;
+        if (status) *status = st;
+    }
+    return done;
+}
+
+std::string Daemon::log() const { return readFile(mWorkDir + "/daemon.log"); }
+std::string Daemon::out() const { return readFile(mWorkDir + "/daemon.out"); }
+
+bool Daemon::waitForLog(const std::string& text, int timeoutMs) const {
+    return waitUntil([&] { return log().find(text) != std::string::npos; }, timeoutMs);
+}
+
+size_t Daemon::countLog(const std::string& text) const {
+    std::string l = log();
+    size_t n = 0;
+    for (size_t pos = l.find(text); pos != std::string::npos; pos = l.find(text, pos + 1)) ++n;
+    return n;
+}
+
+BackgroundTool::BackgroundTool(const std::string& tool, const std::vector<std::string>& args,
+                               const RunOptions& opts) {
+    int pipeFd[2];
+    if (pipe2(pipeFd, O_CLOEXEC)) return;
+    std::vector<std::string> argv = emulatorPrefix();
+    argv.push_back(toolPath(tool));
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(pipeFd[1], 1);
+        dup2(pipeFd[1], 2);
+        for (auto& kv : opts.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+        if (opts.uid != 0) {
+            if (setgid(opts.uid) || setuid(opts.uid)) _exit(126);
+        }
+        std::vector<char*> a;
+        for (auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
+        a.push_back(nullptr);
+        execvp(a[0], a.data());
+        _exit(127);
+    }
+    close(pipeFd[1]);
+    mPid = pid;
+    int fd = pipeFd[0];
+    mReader = std::thread([this, fd] { readLoop(fd); });
+}
+
+BackgroundTool::~BackgroundTool() {
+    kill(SIGKILL);
+    if (mReader.joinable()) mReader.join();
+}
+
+void BackgroundTool::readLoop(int fd) {
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        std::lock_guard<std::mutex> g(mLock);
+        mOut.append(buf, n);
+    }
+    close(fd);
+}
+
+std::string BackgroundTool::output() const {
+    std::lock_guard<std::mutex> g(mLock);
+    return mOut;
+}
+
+std::vector<std::string> BackgroundTool::lines() const {
+    std::vector<std::string> out;
+    std::istringstream in(output());
+    std::string l;
+    while (std::getline(in, l)) out.push_back(l);
+    return out;
+}
+
+bool BackgroundTool::waitForLine(const std::string& text, int timeoutMs) const {
+    return waitUntil([&] { return output().find(text) != std::string::npos; }, timeoutMs);
+}
+
+size_t BackgroundTool::countLines(const std::string& text) const {
+    size_t n = 0;
+    for (auto& l : lines())
+        if (l.find(text) != std::string::npos) ++n;
+    return n;
+}
+
+void BackgroundTool::kill(int sig) {
+    if (mPid <= 0 || mReaped) return;
+    ::kill(mPid, sig);
+    if (sig == SIGKILL) {
+        waitpid(mPid, nullptr, 0);
+        mReaped = true;
+    }
+}
+
+bool BackgroundTool::waitExit(int timeoutMs, int* status) {
+    if (mPid <= 0 || mReaped) return true;
+    int st = 0;
+    bool done = waitUntil([&] { return waitpid(mPid, &st, WNOHANG) == mPid; }, timeoutMs);
+    if (done) {
+        mReaped = true;
+        if (status) *status = st;
+    }
+    return done;
+}
+
+}  // namespace qmedtest

@@ -1,0 +1,196 @@
+#include "tests/support/TestChild.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "tests/support/ToolRunner.h"
+
+namespace qmedtest {
+
+[[noreturn]] static void childBody(TestChild::Kind kind) {
+    if (kind == TestChild::Kind::Busy) {
+        volatile unsigned long x = 0;
+        for (;;) x = x + 1;
+    }
+    for (;;) pause();
+}
+
+static void setupChild(const std::string& name, uid_t uid) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!name.empty()) prctl(PR_SET_NAME, name.c_str());
+    if (uid != 0) {
+        if (setgid(uid) || setuid(uid)) _exit(126);
+    }
+}
+
+TestChild TestChild::spawn(Kind kind, const std::string& name, uid_t uid,
+                           const std::string& argv0) {
+    int sync[2];
+    if (pipe2(sync, O_CLOEXEC)) return {};
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(sync[0]);
+        setupChild(name, uid);
+        if (!argv0.empty()) {
+            // A real exec gives the child its own cmdline; sleep/yes keep it simple.
+            const char* prog = kind == Kind::Busy ? "/usr/bin/yes" : "/bin/sleep";
+            int devnull = open("/dev/null", O_WRONLY);
+            if (devnull >= 0) dup2(devnull, 1);
+            const char* arg1 = kind == Kind::Busy ? "y" : "100000";
+            execl(prog, argv0.c_str(), arg1, (char*)nullptr);
+            _exit(127);
+        }
+        close(sync[1]);
+        childBody(kind);
+    }
+    close(sync[1]);
+    char c;
+    // The pipe closes on exec or when the child is set up.
+    while (read(sync[0], &c, 1) < 0 && errno == EINTR) {
+    }
+    close(sync[0]);
+    TestChild t;
+    t.mPid = pid;
+    t.mTree.push_back(pid);
+    if (!name.empty() && !argv0.empty()) {
+        // exec resets the name to the program's; set it back from outside.
+        std::string path = "/proc/" + std::to_string(pid) + "/comm";
+        writeFile(path, name);
+    }
+    return t;
+}
+
+TestChild TestChild::spawnTree(Kind kind, int children, int grandchildren) {
+    int report[2];
+    if (pipe(report)) return {};
+    pid_t root = fork();
+    if (root == 0) {
+        close(report[0]);
+        setupChild("qmedtree", 0);
+        for (int i = 0; i < children; ++i) {
+            pid_t c = fork();
+            if (c == 0) {
+                setupChild("qmedtree", 0);
+                for (int j = 0; j < grandchildren; ++j) {
+                    pid_t g = fork();
+                    if (g == 0) {
+                        setupChild("qmedtree", 0);
+                        pid_t me = getpid();
+                        ssize_t n = write(report[1], &me, sizeof(me));
+                        (void)n;
+                        close(report[1]);
+                        childBody(kind);
+                    }
+                }
+                pid_t me = getpid();
+                ssize_t n = write(report[1], &me, sizeof(me));
+                (void)n;
+                close(report[1]);
+                childBody(kind);
+            }
+        }
+        close(report[1]);
+        childBody(kind);
+    }
+    close(report[1]);
+    TestChild t;
+    t.mPid = root;
+    t.mTree.push_back(root);
+    int expect = children + children * grandchildren;
+    for (int i = 0; i < expect; ++i) {
+        pid_t p;
+        if (read(report[0], &p, sizeof(p)) != sizeof(p)) break;
+        t.mTree.push_back(p);
+    }
+    close(report[0]);
+    return t;
+}
+
+TestChild::TestChild(TestChild&& o) noexcept : mPid(o.mPid), mTree(std::move(o.mTree)) {
+    o.mPid = -1;
+    o.mTree.clear();
+}
+
+TestChild& TestChild::operator=(TestChild&& o) noexcept {
+    if (this != &o) {
+        kill();
+        mPid = o.mPid;
+        mTree = std::move(o.mTree);
+        o.mPid = -1;
+        o.mTree.clear();
+    }
+    return *this;
+}
+
+TestChild::~TestChild() { kill(); }
+
+void TestChild::kill(int sig) {
+    if (mPid <= 0) return;
+    for (auto it = mTree.rbegin(); it != mTree.rend(); ++it) {
+        ::kill(*it, SIGCONT);
+        ::kill(*it, sig);
+    }
+    if (sig == SIGKILL) {
+        waitpid(mPid, nullptr, 0);
+        mPid = -1;
+        mTree.clear();
+    }
+}
+
+bool TestChild::reap(int timeoutMs) {
+    if (mPid <= 0) return true;
+    bool done = waitUntil([&] { return waitpid(mPid, nullptr, WNOHANG) == mPid; }, timeoutMs);
+    if (done) {
+        mPid = -1;
+        mTree.clear();
+    }
+    return done;
+}
+
+static bool readStatFields(pid_t pid, char* state, long* utime, long* stime) {
+    std::string s = readFile("/proc/" + std::to_string(pid) + "/stat");
+    auto close = s.rfind(')');
+    if (close == std::string::npos || close + 2 >= s.size()) return false;
+    const char* p = s.c_str() + close + 2;
+    char st = 0;
+    long ut = -1, sy = -1;
+    // state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt utime stime
+    if (sscanf(p, "%c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &st, &ut, &sy) != 3)
+        return false;
+    *state = st;
+    *utime = ut;
+    *stime = sy;
+    return true;
+}
+
+char procState(pid_t pid) {
+    char st;
+    long u, s;
+    return readStatFields(pid, &st, &u, &s) ? st : '?';
+}
+
+long procUtime(pid_t pid) {
+    char st;
+    long u, s;
+    return readStatFields(pid, &st, &u, &s) ? u : -1;
+}
+
+long procCpuTicks(pid_t pid) {
+    char st;
+    long u, s;
+    return readStatFields(pid, &st, &u, &s) ? u + s : -1;
+}
+
+bool processExists(pid_t pid) {
+    char st = procState(pid);
+    return st != '?' && st != 'Z' && st != 'X';
+}
+
+}  // namespace qmedtest
