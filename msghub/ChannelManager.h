@@ -41,6 +41,7 @@ class ChannelManager : public android::Thread {
   private:
     android::status_t readyToRun() override;
     bool threadLoop() override;
+    bool isListed(Channel* channel);
 
     android::List<Channel*> mChannels;
     fd_set mReadFds;
