@@ -1,0 +1,37 @@
+# Cross build for 32-bit ARM (armhf) against Debian's multiarch -dev packages,
+# with tests run under qemu-arm.
+#   cmake -S . -B build/armhf -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+
+set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
+set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+
+# Libraries come from the host's multiarch root (/usr/lib/arm-linux-gnueabihf),
+# programs (aidl, ninja) from the host.
+set(CMAKE_FIND_ROOT_PATH /)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+list(APPEND CMAKE_PREFIX_PATH /usr/lib/arm-linux-gnueabihf/cmake)
+
+# The loader prefix holds nothing but the armhf 7z.so: the armhf libbacktrace
+# finds it through its RUNPATH /usr/lib/p7zip, where a host install may have put the
+# amd64 copy. Everything else must come from the multiarch root; pointing -L at
+# /usr/arm-linux-gnueabihf mixes two libcs and crashes at the first thread start.
+get_property(_qmed_in_try GLOBAL PROPERTY IN_TRY_COMPILE)
+if(NOT _qmed_in_try)
+  set(QMED_QEMU_PREFIX "${CMAKE_BINARY_DIR}/qemu-arm-root" CACHE PATH "qemu-arm -L prefix")
+  set(_qmed_7z "${QMED_QEMU_PREFIX}/usr/lib/p7zip/7z.so")
+  if(NOT EXISTS "${_qmed_7z}")
+    execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../scripts/armhf-qemu-prefix.sh"
+                            "${QMED_QEMU_PREFIX}" RESULT_VARIABLE _qmed_rc)
+    if(NOT _qmed_rc EQUAL 0)
+      message(FATAL_ERROR "cannot prepare the qemu-arm prefix (needs p7zip-full:armhf)")
+    endif()
+  endif()
+  find_program(QMED_QEMU_ARM qemu-arm REQUIRED)
+  set(CMAKE_CROSSCOMPILING_EMULATOR "${QMED_QEMU_ARM};-L;${QMED_QEMU_PREFIX}")
+endif()
