@@ -82,7 +82,9 @@ TEST(DeviceBuild, LibraryListsTheSameDaemonSourcesAsCMake) {
     }
     std::set<std::string> bp = bpList(readFile(kRoot + "/device/Android.bp"), "qmed-srcs");
     EXPECT_FALSE(bp.empty());
-    for (const auto& f : cmake) EXPECT_TRUE(bp.count(f)) << f << " missing from Android.bp";
+    for (const auto& f : cmake)
+        EXPECT_TRUE(bp.count(f)) << f
+                                 << " missing from Android.bp (run scripts/sync-android-bp.sh)";
     for (const auto& f : bp) {
         EXPECT_TRUE(cmake.count(f)) << f << " is in Android.bp but not built by CMake";
         EXPECT_TRUE(exists(kRoot + "/" + f)) << f;
