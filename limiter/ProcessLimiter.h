@@ -163,7 +163,7 @@ class ProcessLimiter : public android::RefBase {
     void reportQmedState();
     void releaseProcess(processGroup* g);  // mLock held
     float convertRate(int rate);
-    processGroup* findGroup(int pid, bool skipGroupless);  // mLock held
+    processGroup* findGroup(int pid);  // mLock held
 
     android::sp<IQmedBinderListenerService> mListener;
     list* mGroups;
