@@ -28,6 +28,7 @@ Daemon::Daemon(DaemonOptions opts) : mOpts(std::move(opts)) {
 
 Daemon::~Daemon() {
     kill(SIGKILL);
+    mSim.reset();
     if (getenv("QMED_KEEP_LOGS") == nullptr && mWorkDir.rfind("/tmp/qmedd.", 0) == 0) {
         runCommand({"rm", "-rf", mWorkDir});
     }
@@ -73,9 +74,29 @@ ToolResult Daemon::service(const std::vector<std::string>& args, uid_t uid) cons
     return runTool("service", args, clientOptions(uid));
 }
 
+bool Daemon::startSimulator(const std::vector<std::string>& serveArgs) {
+    if (mSim) return true;
+    unlink(simulatorSocket().c_str());
+    unlink(simulatorCtl().c_str());
+    std::vector<std::string> args = {"serve", "--sock", simulatorSocket(), "--ctl", simulatorCtl(),
+                                     "--log", mWorkDir + "/kmodsim.log"};
+    args.insert(args.end(), serveArgs.begin(), serveArgs.end());
+    mSim = std::make_unique<BackgroundTool>("kmodsim", args);
+    return waitUntil([&] { return access(simulatorCtl().c_str(), F_OK) == 0; }, 5000);
+}
+
+void Daemon::stopSimulator() { mSim.reset(); }
+
+ToolResult Daemon::kmodsim(const std::vector<std::string>& args) const {
+    std::vector<std::string> a = {"--ctl", simulatorCtl()};
+    a.insert(a.end(), args.begin(), args.end());
+    return runTool("kmodsim", a);
+}
+
 bool Daemon::start(int timeoutMs) {
     if (running()) return true;
     writeProperties();
+    if (mOpts.simulator && !startSimulator()) return false;
     std::string logPath = mWorkDir + "/daemon.log";
     std::string outPath = mWorkDir + "/daemon.out";
     std::vector<std::string> argv = emulatorPrefix();
@@ -95,6 +116,19 @@ bool Daemon::start(int timeoutMs) {
         dup2(err, 2);
         for (auto& kv : clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
         setenv("QMED_LOG_LEVEL", mOpts.logLevel.c_str(), 1);
+        if (mOpts.simulator) {
+            std::string shim = toolPath("libkmodshim.so");
+            setenv("KMODSIM_SOCKET", simulatorSocket().c_str(), 1);
+            // Under qemu-user the preload must reach the guest, not qemu itself.
+            if (argv.size() > 1 && argv[0] != toolPath("ykqmed"))
+                setenv("QEMU_SET_ENV", ("LD_PRELOAD=" + shim).c_str(), 1);
+            else
+                setenv("LD_PRELOAD", shim.c_str(), 1);
+            // The shim is loaded ahead of the sanitizer runtime.
+            const char* asan = getenv("ASAN_OPTIONS");
+            std::string opts = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
+            setenv("ASAN_OPTIONS", opts.c_str(), 1);
+        }
         for (auto& kv : mOpts.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
         std::vector<char*> args;
         for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));

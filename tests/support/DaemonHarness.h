@@ -59,8 +59,20 @@ public:
 
     DaemonOptions& options() { return mOpts; }
 
+    // Kernel-module simulator (DaemonOptions::simulator): started by start()
+    // before the daemon, kept across daemon restarts. kmodsim() runs one
+    // control command (see tools/kmodsim/README.md), e.g.
+    // kmodsim({"event", "binder-call", "123", "-1"}).
+    bool startSimulator(const std::vector<std::string>& serveArgs = {});
+    void stopSimulator();
+    ToolResult kmodsim(const std::vector<std::string>& args) const;
+    std::string simulatorSocket() const { return mWorkDir + "/km.sock"; }
+    std::string simulatorCtl() const { return mWorkDir + "/km.ctl"; }
+    std::string simulatorLog() const { return readFile(mWorkDir + "/kmodsim.log"); }
+
 private:
     void writeProperties() const;
+    std::unique_ptr<class BackgroundTool> mSim;
 
     DaemonOptions mOpts;
     std::string mBinderNs;
