@@ -75,14 +75,18 @@ SimProcess::~SimProcess() {
 
 bool SimProcess::start(const std::string& binary, const std::string& sockAddress,
                        const std::string& ctlAddress, const std::string& identify,
-                       const std::string& logPath) {
+                       const std::string& logPath, const std::vector<std::string>& prefix) {
     stop();
     mCtl = ctlAddress;
     mPid = fork();
     if (mPid < 0) return false;
     if (mPid == 0) {
-        std::vector<std::string> args = {binary,  "serve",    "--sock",     sockAddress,
-                                         "--ctl", ctlAddress, "--identify", identify};
+        std::vector<std::string> args = prefix;
+        for (const std::string& a :
+             {binary, std::string("serve"), std::string("--sock"), sockAddress,
+              std::string("--ctl"), ctlAddress, std::string("--identify"), identify}) {
+            args.push_back(a);
+        }
         if (!logPath.empty()) {
             args.push_back("--log");
             args.push_back(logPath);
@@ -90,7 +94,7 @@ bool SimProcess::start(const std::string& binary, const std::string& sockAddress
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(&a[0]);
         argv.push_back(nullptr);
-        execv(binary.c_str(), argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     for (int i = 0; i < 500; ++i) {

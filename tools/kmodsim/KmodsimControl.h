@@ -33,10 +33,11 @@ class SimProcess {
     SimProcess(const SimProcess&) = delete;
     SimProcess& operator=(const SimProcess&) = delete;
 
-    // identify: "auto", "hold" or "delay:MS". Waits until the control socket answers.
+    // identify: "auto", "hold" or "delay:MS". prefix runs the binary through an
+    // emulator. Waits until the control socket answers.
     bool start(const std::string& binary, const std::string& sockAddress,
                const std::string& ctlAddress, const std::string& identify = "auto",
-               const std::string& logPath = "");
+               const std::string& logPath = "", const std::vector<std::string>& prefix = {});
     void stop();
     pid_t pid() const { return mPid; }
     Control control() const { return Control(mCtl); }
