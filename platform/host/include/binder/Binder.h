@@ -8,7 +8,7 @@ namespace android {
 // The default onTransact answers the interface query, ping and dump transactions.
 // onTransact runs on a binder pool thread; several may run at once.
 class BBinder : public IBinder {
-public:
+  public:
     BBinder();
 
     virtual const String16& getInterfaceDescriptor() const;
@@ -25,25 +25,24 @@ public:
                                  uint32_t flags = 0);
     // NOLINTNEXTLINE(google-default-arguments)
     virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
-                                   uint32_t flags = 0,
-                                   wp<DeathRecipient>* outRecipient = nullptr);
+                                   uint32_t flags = 0, wp<DeathRecipient>* outRecipient = nullptr);
 
     virtual BBinder* localBinder();
 
-protected:
+  protected:
     virtual ~BBinder();
 
     // NOLINTNEXTLINE(google-default-arguments)
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);
 
-private:
+  private:
     BBinder(const BBinder& o);
     BBinder& operator=(const BBinder& o);
 };
 
 class BpRefBase : public virtual RefBase {
-protected:
+  protected:
     explicit BpRefBase(const sp<IBinder>& o);
     virtual ~BpRefBase();
     virtual void onFirstRef();
@@ -53,7 +52,7 @@ protected:
     inline IBinder* remote() const { return mRemote.get(); }
     inline sp<IBinder> remoteStrong() const { return mRemote; }
 
-private:
+  private:
     BpRefBase(const BpRefBase& o);
     BpRefBase& operator=(const BpRefBase& o);
 

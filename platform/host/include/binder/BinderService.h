@@ -10,7 +10,7 @@ namespace android {
 
 template <typename SERVICE>
 class BinderService {
-public:
+  public:
     static status_t publish(bool allowIsolated = false,
                             int dumpFlags = IServiceManager::DUMP_FLAG_PRIORITY_DEFAULT) {
         sp<IServiceManager> sm(defaultServiceManager());
@@ -29,7 +29,7 @@ public:
 
     static status_t shutdown() { return NO_ERROR; }
 
-private:
+  private:
     static void joinThreadPool() {
         sp<ProcessState> ps(ProcessState::self());
         ps->startThreadPool();

@@ -16,7 +16,7 @@ class Transport;
 }
 
 class BpBinder : public IBinder {
-public:
+  public:
     virtual const String16& getInterfaceDescriptor() const;
     virtual bool isBinderAlive() const;
     virtual status_t pingBinder();
@@ -31,8 +31,7 @@ public:
                                  uint32_t flags = 0);
     // NOLINTNEXTLINE(google-default-arguments)
     virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient, void* cookie = nullptr,
-                                   uint32_t flags = 0,
-                                   wp<DeathRecipient>* outRecipient = nullptr);
+                                   uint32_t flags = 0, wp<DeathRecipient>* outRecipient = nullptr);
 
     virtual BpBinder* remoteBinder();
 
@@ -46,10 +45,10 @@ public:
     // Host-only: delivers binderDied to every linked recipient, once.
     void sendObituary();
 
-protected:
+  protected:
     virtual ~BpBinder();
 
-private:
+  private:
     friend class hostbinder::Transport;
     BpBinder(const std::string& endpoint, uint64_t id, pid_t pid);
 

@@ -19,7 +19,7 @@ class Parcel;
 
 // Thread-safe: every method may be called from any thread.
 class IBinder : public virtual RefBase {
-public:
+  public:
     enum {
         FIRST_CALL_TRANSACTION = 0x00000001,
         LAST_CALL_TRANSACTION = 0x00ffffff,
@@ -53,7 +53,7 @@ public:
                               uint32_t flags = 0) = 0;
 
     class DeathRecipient : public virtual RefBase {
-    public:
+      public:
         virtual void binderDied(const wp<IBinder>& who) = 0;
     };
 
@@ -71,7 +71,7 @@ public:
     virtual BBinder* localBinder();
     virtual BpBinder* remoteBinder();
 
-protected:
+  protected:
     virtual ~IBinder();
 };
 

@@ -7,12 +7,12 @@
 namespace android {
 
 class IInterface : public virtual RefBase {
-public:
+  public:
     IInterface();
     static sp<IBinder> asBinder(const IInterface*);
     static sp<IBinder> asBinder(const sp<IInterface>&);
 
-protected:
+  protected:
     virtual ~IInterface();
     virtual IBinder* onAsBinder() = 0;
 };
@@ -24,27 +24,27 @@ inline sp<INTERFACE> interface_cast(const sp<IBinder>& obj) {
 
 template <typename INTERFACE>
 class BnInterface : public INTERFACE, public BBinder {
-public:
+  public:
     virtual sp<IInterface> queryLocalInterface(const String16& _descriptor);
     virtual const String16& getInterfaceDescriptor() const;
 
-protected:
+  protected:
     typedef INTERFACE BaseInterface;
     virtual IBinder* onAsBinder();
 };
 
 template <typename INTERFACE>
 class BpInterface : public INTERFACE, public BpRefBase {
-public:
+  public:
     explicit BpInterface(const sp<IBinder>& remote);
 
-protected:
+  protected:
     typedef INTERFACE BaseInterface;
     virtual IBinder* onAsBinder();
 };
 
 #define DECLARE_META_INTERFACE(INTERFACE)                                                         \
-public:                                                                                           \
+  public:                                                                                         \
     static const ::android::String16 descriptor;                                                  \
     static ::android::sp<I##INTERFACE> asInterface(const ::android::sp<::android::IBinder>& obj); \
     virtual const ::android::String16& getInterfaceDescriptor() const;                            \
@@ -53,54 +53,54 @@ public:                                                                         
     static bool setDefaultImpl(::android::sp<I##INTERFACE> impl);                                 \
     static const ::android::sp<I##INTERFACE>& getDefaultImpl();                                   \
                                                                                                   \
-private:                                                                                          \
+  private:                                                                                        \
     static ::android::sp<I##INTERFACE> default_impl;                                              \
                                                                                                   \
-public:
+  public:
 
 #define __IINTF_CONCAT(x, y) (x##y)
 
-#define IMPLEMENT_META_INTERFACE(INTERFACE, NAME)                                      \
-    const ::android::String16 I##INTERFACE::descriptor(NAME);                          \
-    const ::android::String16& I##INTERFACE::getInterfaceDescriptor() const {          \
-        return I##INTERFACE::descriptor;                                               \
-    }                                                                                  \
-    ::android::sp<I##INTERFACE> I##INTERFACE::asInterface(                             \
-            const ::android::sp<::android::IBinder>& obj) {                            \
-        ::android::sp<I##INTERFACE> intr;                                              \
-        if (obj != nullptr) {                                                          \
-            ::android::sp<::android::IInterface> local =                               \
-                    obj->queryLocalInterface(I##INTERFACE::descriptor);                \
-            intr = static_cast<I##INTERFACE*>(local.get());                            \
-            if (intr == nullptr) {                                                     \
-                intr = new Bp##INTERFACE(obj);                                         \
-            }                                                                          \
-        }                                                                              \
-        return intr;                                                                   \
-    }                                                                                  \
-    ::android::sp<I##INTERFACE> I##INTERFACE::default_impl;                            \
-    bool I##INTERFACE::setDefaultImpl(::android::sp<I##INTERFACE> impl) {              \
-        /* Only one user of this interface can use this function */                    \
-        /* at a time. This is a heuristic to detect if two different */                \
-        /* users in the same process use this function. */                             \
-        assert(!I##INTERFACE::default_impl);                                           \
-        if (impl) {                                                                    \
-            I##INTERFACE::default_impl = std::move(impl);                              \
-            return true;                                                               \
-        }                                                                              \
-        return false;                                                                  \
-    }                                                                                  \
-    const ::android::sp<I##INTERFACE>& I##INTERFACE::getDefaultImpl() {                \
-        return I##INTERFACE::default_impl;                                             \
-    }                                                                                  \
-    I##INTERFACE::I##INTERFACE() {}                                                    \
+#define IMPLEMENT_META_INTERFACE(INTERFACE, NAME)                             \
+    const ::android::String16 I##INTERFACE::descriptor(NAME);                 \
+    const ::android::String16& I##INTERFACE::getInterfaceDescriptor() const { \
+        return I##INTERFACE::descriptor;                                      \
+    }                                                                         \
+    ::android::sp<I##INTERFACE> I##INTERFACE::asInterface(                    \
+            const ::android::sp<::android::IBinder>& obj) {                   \
+        ::android::sp<I##INTERFACE> intr;                                     \
+        if (obj != nullptr) {                                                 \
+            ::android::sp<::android::IInterface> local =                      \
+                    obj->queryLocalInterface(I##INTERFACE::descriptor);       \
+            intr = static_cast<I##INTERFACE*>(local.get());                   \
+            if (intr == nullptr) {                                            \
+                intr = new Bp##INTERFACE(obj);                                \
+            }                                                                 \
+        }                                                                     \
+        return intr;                                                          \
+    }                                                                         \
+    ::android::sp<I##INTERFACE> I##INTERFACE::default_impl;                   \
+    bool I##INTERFACE::setDefaultImpl(::android::sp<I##INTERFACE> impl) {     \
+        /* Only one user of this interface can use this function */           \
+        /* at a time. This is a heuristic to detect if two different */       \
+        /* users in the same process use this function. */                    \
+        assert(!I##INTERFACE::default_impl);                                  \
+        if (impl) {                                                           \
+            I##INTERFACE::default_impl = std::move(impl);                     \
+            return true;                                                      \
+        }                                                                     \
+        return false;                                                         \
+    }                                                                         \
+    const ::android::sp<I##INTERFACE>& I##INTERFACE::getDefaultImpl() {       \
+        return I##INTERFACE::default_impl;                                    \
+    }                                                                         \
+    I##INTERFACE::I##INTERFACE() {}                                           \
     I##INTERFACE::~I##INTERFACE() {}
 
-#define CHECK_INTERFACE(interface, data, reply)                   \
-    do {                                                          \
-        if (!(data).checkInterface(this)) {                       \
-            return PERMISSION_DENIED;                             \
-        }                                                         \
+#define CHECK_INTERFACE(interface, data, reply) \
+    do {                                        \
+        if (!(data).checkInterface(this)) {     \
+            return PERMISSION_DENIED;           \
+        }                                       \
     } while (false)
 
 template <typename INTERFACE>
@@ -130,4 +130,5 @@ inline IBinder* BpInterface<INTERFACE>::onAsBinder() {
 }  // namespace android
 
 #include <assert.h>
+
 #include <utility>

@@ -5,14 +5,13 @@
 
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
-#include <utils/Errors.h>
-
 #include <sys/types.h>
+#include <utils/Errors.h>
 
 namespace android {
 
 class IPCThreadState {
-public:
+  public:
     static IPCThreadState* self();
     static IPCThreadState* selfOrNull();
 
@@ -61,7 +60,7 @@ public:
         mCallingUid = uid;
     }
 
-private:
+  private:
     IPCThreadState();
     ~IPCThreadState();
 

@@ -12,7 +12,7 @@
 namespace android {
 
 class IServiceManager : public IInterface {
-public:
+  public:
     DECLARE_META_INTERFACE(ServiceManager)
 
     static const int DUMP_FLAG_PRIORITY_CRITICAL = 1 << 0;
@@ -20,7 +20,8 @@ public:
     static const int DUMP_FLAG_PRIORITY_NORMAL = 1 << 2;
     static const int DUMP_FLAG_PRIORITY_DEFAULT = 1 << 3;
     static const int DUMP_FLAG_PRIORITY_ALL = DUMP_FLAG_PRIORITY_CRITICAL |
-            DUMP_FLAG_PRIORITY_HIGH | DUMP_FLAG_PRIORITY_NORMAL | DUMP_FLAG_PRIORITY_DEFAULT;
+                                              DUMP_FLAG_PRIORITY_HIGH | DUMP_FLAG_PRIORITY_NORMAL |
+                                              DUMP_FLAG_PRIORITY_DEFAULT;
     static const int DUMP_FLAG_PROTO = 1 << 4;
 
     virtual sp<IBinder> getService(const String16& name) const = 0;

@@ -25,7 +25,7 @@ class Wire;
 }
 
 class Parcel {
-public:
+  public:
     Parcel();
     ~Parcel();
 
@@ -144,7 +144,7 @@ public:
         bool ownsFd;
     };
 
-private:
+  private:
     friend class hostbinder::Wire;
 
     Parcel(const Parcel& o);

@@ -8,14 +8,13 @@
 // Thread-safe.
 #pragma once
 
-#include <utils/String16.h>
-
 #include <sys/types.h>
+#include <utils/String16.h>
 
 namespace android {
 
 class PermissionCache {
-public:
+  public:
     PermissionCache();
     ~PermissionCache();
 

@@ -12,7 +12,7 @@ namespace android {
 class IPCThreadState;
 
 class ProcessState : public virtual RefBase {
-public:
+  public:
     static sp<ProcessState> self();
     static sp<ProcessState> selfOrNull();
     static sp<ProcessState> initWithDriver(const char* driver);
@@ -30,7 +30,7 @@ public:
 
     bool isThreadPoolStarted() const;
 
-private:
+  private:
     friend class IPCThreadState;
     ProcessState();
     ~ProcessState();

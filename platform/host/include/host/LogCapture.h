@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+struct __android_logger_data;
+
 namespace qmed {
 namespace host {
 
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -24,8 +26,8 @@ public:
     size_t count(const std::string& text) const;
     void clear();
 
-private:
-    static void onLog(const struct __android_logger_data* data, const char* msg);
+  private:
+    static void onLog(const ::__android_logger_data* data, const char* msg);
     void append(std::string line);
 
     mutable std::mutex mLock;

@@ -1,1 +1,0 @@
-// Removed once the host platform sources land.
