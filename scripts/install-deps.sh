@@ -15,11 +15,14 @@ native=(
   android-libutils-dev android-liblog-dev android-libcutils-dev
   libsafec-dev libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 procps util-linux psmisc cpulimit aidl
+  # amd64 libbacktrace loads /usr/lib/p7zip/7z.so; the armhf copy for qemu is extracted
+  # by scripts/armhf-qemu-prefix.sh, since both architectures cannot own that path.
+  p7zip-full
 )
 armhf=(
   g++-arm-linux-gnueabihf qemu-user
   android-libutils-dev:armhf android-liblog-dev:armhf android-libcutils-dev:armhf
-  libsafec-dev:armhf libgtest-dev:armhf libgmock-dev:armhf p7zip-full:armhf
+  libsafec-dev:armhf libgtest-dev:armhf libgmock-dev:armhf
 )
 
 missing() {
