@@ -30,7 +30,7 @@ constexpr int STAT_LINE_SIZE = 1024;
 constexpr int PATH_SIZE = 128;
 constexpr uint32_t SAMPLE_INTERVAL_US = 2000000;
 // A consistent procfs has no parent cycles, but pids get reused while we walk.
-constexpr int MAX_ANCESTRY_HOPS = 65536;
+constexpr int MAX_ANCESTRY_HOPS = 1024;
 constexpr float SELF_TARGET_RATE = 0.05f;
 constexpr const char* SELF_PACKAGE = "/system/bin/ykqmed";
 constexpr const char* TALLY_TAG = "TALLY_TAG_QM_CONTROL_STATS";
