@@ -32,6 +32,12 @@ if(NOT _qmed_in_try)
       message(FATAL_ERROR "cannot prepare the qemu-arm prefix (needs p7zip-full:armhf)")
     endif()
   endif()
+  # A cross ld ignores the RUNPATH of libraries it links against, so name the
+  # directories libbacktrace needs (7z.so, libbase) for the link as well.
+  set(_qmed_link "-Wl,-rpath-link,${QMED_QEMU_PREFIX}/usr/lib/p7zip")
+  string(APPEND _qmed_link " -Wl,-rpath-link,/usr/lib/arm-linux-gnueabihf/android")
+  set(CMAKE_EXE_LINKER_FLAGS_INIT "${_qmed_link}")
+  set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_qmed_link}")
   find_program(QMED_QEMU_ARM qemu-arm REQUIRED)
   set(CMAKE_CROSSCOMPILING_EMULATOR "${QMED_QEMU_ARM};-L;${QMED_QEMU_PREFIX}")
 endif()
