@@ -109,21 +109,29 @@ std::vector<unsigned char> eventMessage(int kind, const std::string& text) {
 }
 
 int listenOn(const std::string& name) {
+    // A path appears only once it accepts connections: bound under a temporary
+    // name and renamed after listen(), so a waiter polling for it never races.
+    const bool abstract = name[0] == '@';
+    const std::string bindName = abstract ? name : name + ".tmp";
     struct sockaddr_un addr;
-    socklen_t len = makeAddress(name.c_str(), &addr);
+    socklen_t len = makeAddress(bindName.c_str(), &addr);
     if (len == 0) {
         fprintf(stderr, "kmodsim: bad address %s\n", name.c_str());
         return -1;
     }
-    if (name[0] != '@') unlink(name.c_str());
+    if (!abstract) {
+        unlink(bindName.c_str());
+        unlink(name.c_str());
+    }
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0 || bind(fd, reinterpret_cast<struct sockaddr*>(&addr), len) < 0 ||
-        listen(fd, 16) < 0) {
+        listen(fd, 64) < 0 ||
+        (!abstract &&
+         (chmod(bindName.c_str(), 0666) < 0 || rename(bindName.c_str(), name.c_str()) < 0))) {
         fprintf(stderr, "kmodsim: cannot listen on %s: %s\n", name.c_str(), strerror(errno));
         if (fd >= 0) close(fd);
         return -1;
     }
-    if (name[0] != '@') chmod(name.c_str(), 0666);
     return fd;
 }
 
