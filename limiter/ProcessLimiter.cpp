@@ -631,7 +631,10 @@ void ProcessLimiter::spearLoop() {
     bool listError = false;
     while (n != 0) {
         n = spearCycle();
-        if (n < 0) listError = true;
+        if (n < 0) {
+            listError = true;
+            break;
+        }
     }
     if (!listError && bDebug) ALOGD("No process need to Sr now, end Sr loop.\n");
     mLock.lock();
