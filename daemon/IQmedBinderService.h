@@ -1,9 +1,8 @@
 #pragma once
 
-#include <stdint.h>
-
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>
+#include <stdint.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
 
@@ -12,7 +11,7 @@
 // The daemon's command surface, served as "Binder.Qmed". Operations run on
 // binder threads, several at once.
 class IQmedBinderService : public android::IInterface {
-public:
+  public:
     DECLARE_META_INTERFACE(QmedBinderService)
 
     // Wire codes. Pause (18) and stop (19) are swapped against the slot order
@@ -72,7 +71,7 @@ public:
 
 // Server side only; the managed client carries its own proxy.
 class BnQmedBinderService : public android::BnInterface<IQmedBinderService> {
-public:
-    android::status_t onTransact(uint32_t code, const android::Parcel& data,
-                                 android::Parcel* reply, uint32_t flags = 0) override;
+  public:
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags = 0) override;
 };

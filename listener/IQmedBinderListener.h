@@ -8,7 +8,7 @@
 // Callback interface implemented by clients and called by the daemon only.
 // Proxy methods are synchronous and may be called from any thread.
 class IQmedBinderListener : public android::IInterface {
-public:
+  public:
     DECLARE_META_INTERFACE(QmedBinderListener)
 
     enum {
@@ -26,7 +26,7 @@ public:
 };
 
 class BpQmedBinderListener : public android::BpInterface<IQmedBinderListener> {
-public:
+  public:
     explicit BpQmedBinderListener(const android::sp<android::IBinder>& impl);
 
     int onKstateCallback(int len, unsigned char* data) override;

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <stdint.h>
-
 #include <binder/IBinder.h>
+#include <stdint.h>
+#include <time.h>
 #include <utils/KeyedVector.h>
 #include <utils/Mutex.h>
 #include <utils/RefBase.h>
@@ -37,7 +37,7 @@ enum {
 // listener delays other posters. Lock order: callers may hold the limiter's
 // lock when they post, never the other way round.
 class IQmedBinderListenerService : public virtual android::RefBase {
-public:
+  public:
     enum {
         RESULT_OK = 0,
         RESULT_NULL_LISTENER = 1,
@@ -52,7 +52,8 @@ public:
     // Takes the freezer and limiter singletons.
     IQmedBinderListenerService();
     // For tests: explicit engines (either may be null).
-    IQmedBinderListenerService(const android::sp<Freezer>& freezer, const android::sp<Spear>& spear);
+    IQmedBinderListenerService(const android::sp<Freezer>& freezer,
+                               const android::sp<Spear>& spear);
     ~IQmedBinderListenerService() override;
 
     int registerListener(const android::sp<IQmedBinderListener>& listener, int type);
@@ -65,13 +66,19 @@ public:
     void handleMessage(int type, Message msg);
     int dump(int fd, const android::Vector<android::String16>& args);
 
-    // For tests and dumps.
+    // For tests: the clock of the report throttle (default time()).
+    typedef time_t (*Clock)(time_t*);
+    void setClock(Clock clock) { mClock = clock; }
     size_t listenerCount();
+    size_t reportTimeCount();
     int systemServerPid() const { return mSystemServerPid; }
     int cxspPid() const { return mCxspPid; }
 
-private:
-    void reportKstate(int len, const unsigned char* payload);
+  private:
+    // Largest kernel-state payload passed on; larger ones cannot travel in one transaction.
+    static constexpr intptr_t kMaxKstatePayload = 256 * 1024;
+
+    void handleKstate(int len, const unsigned char* payload, bool limited);
 
     android::KeyedVector<android::sp<IQmedBinderListener>, unsigned int> mListeners;
     android::Mutex mLock;
@@ -80,6 +87,7 @@ private:
     int mCxspPid;
     android::KeyedVector<int, long> mReportTime;
     android::sp<Spear> mSpear;
+    Clock mClock;
 };
 
 // Pid of the first process whose short name equals name, 0 when none.
