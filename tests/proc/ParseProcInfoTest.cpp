@@ -150,17 +150,17 @@ TEST(ParseProcInfo, LeavesOutIdleProcessesAndSeparatesRecordsByTabs) {
     tree.add(11, 2000, statLine(11, "one", 3, 2));
     tree.add(12, 1000, statLine(12, "main", 8, 1), cmd, sizeof(cmd));
     tree.add(13, 0, statLine(13, "idle2", 0, 0));
-    ParseProcInfo p(tree.root());
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
 
-    EXPECT_EQ(cpuTimeText(p, 2, {10, 11, 12}), "2000\t5\tone\t1000\t9\tcom.qmed.pkg");
-    EXPECT_EQ(cpuTimeText(p, 2, {12, 10, 11}), "1000\t9\tcom.qmed.pkg\t2000\t5\tone");
-    EXPECT_EQ(cpuTimeText(p, 2, {11}), "2000\t5\tone");
-    EXPECT_EQ(cpuTimeText(p, 2, {10, 13}), "");
-    EXPECT_EQ(cpuTimeText(p, 2, {}), "");
+    EXPECT_EQ(cpuTimeText(*p, 2, {10, 11, 12}), "2000\t5\tone\t1000\t9\tcom.qmed.pkg");
+    EXPECT_EQ(cpuTimeText(*p, 2, {12, 10, 11}), "1000\t9\tcom.qmed.pkg\t2000\t5\tone");
+    EXPECT_EQ(cpuTimeText(*p, 2, {11}), "2000\t5\tone");
+    EXPECT_EQ(cpuTimeText(*p, 2, {10, 13}), "");
+    EXPECT_EQ(cpuTimeText(*p, 2, {}), "");
     // Type 1 selects by owner; the owner list is ignored by type 2.
-    EXPECT_EQ(cpuTimeText(p, 1, {2000}), "2000\t5\tone");
-    EXPECT_EQ(cpuTimeText(p, 1, {0}), "");
-    EXPECT_EQ(parseRecords(cpuTimeText(p, 0, {})).size(), 2u);
+    EXPECT_EQ(cpuTimeText(*p, 1, {2000}), "2000\t5\tone");
+    EXPECT_EQ(cpuTimeText(*p, 1, {0}), "");
+    EXPECT_EQ(parseRecords(cpuTimeText(*p, 0, {})).size(), 2u);
 }
 
 TEST(ParseProcInfo, SurvivesHostileStatAndCmdlineContents) {
@@ -179,11 +179,11 @@ TEST(ParseProcInfo, SurvivesHostileStatAndCmdlineContents) {
     tree.add(30, 1000, statLine(30, "sys", 1, 0), "", 0);
     std::string longCmd(200, 'c');
     tree.add(31, 1000, statLine(31, "sys", 2, 0), longCmd.data(), longCmd.size());
-    ParseProcInfo p(tree.root());
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
 
     LogLines log;
     std::vector<Record> recs = parseRecords(
-            cpuTimeText(p, 2, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 999999}));
+            cpuTimeText(*p, 2, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 999999}));
     // Only the well-formed ones survive: 26 sums "abc" and -7, 28 has a 980-byte name.
     ASSERT_EQ(recs.size(), 4u);
     EXPECT_EQ(recs[0].name, "x");
@@ -203,11 +203,11 @@ TEST(ParseProcInfo, NeverOverrunsTheOutputBuffer) {
     for (int pid = 100; pid < 400; pid++) {
         tree.add(pid, 0, statLine(pid, std::string(960, 'a' + pid % 26), 1, 2));
     }
-    ParseProcInfo p(tree.root());
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
     const size_t size = ParseProcInfo::kCpuTimeBufferSize;
     std::vector<char> buf(size + 4096, 0);
     memset(buf.data() + size, 0x5a, 4096);
-    ASSERT_EQ(p.getProcCpuTime(buf.data(), 0, nullptr, 0), 0);
+    ASSERT_EQ(p->getProcCpuTime(buf.data(), 0, nullptr, 0), 0);
     size_t len = strnlen(buf.data(), size);
     ASSERT_LT(len, size);
     EXPECT_GT(len, size - 1024);
@@ -224,9 +224,9 @@ TEST(ParseProcInfo, NeverOverrunsTheOutputBuffer) {
     for (int pid = 1000; pid < 2500; pid++) {
         small.add(pid, 0, statLine(pid, std::string(80, 's'), 1, 0));
     }
-    ParseProcInfo q(small.root());
+    sp<ParseProcInfo> q = new ParseProcInfo(small.root());
     std::fill(buf.begin(), buf.begin() + size, 0);
-    ASSERT_EQ(q.getProcCpuTime(buf.data(), 0, nullptr, 0), 0);
+    ASSERT_EQ(q->getProcCpuTime(buf.data(), 0, nullptr, 0), 0);
     for (size_t i = size; i < buf.size(); i++) ASSERT_EQ(buf[i], 0x5a) << i;
     recs = parseRecords(std::string(buf.data(), strnlen(buf.data(), size)));
     // 84 bytes for the first record, 85 for each further one, within 102399.
@@ -247,21 +247,21 @@ TEST(ParseProcInfo, StopsTheWalkAfterTenThousandEntries) {
     }
     closedir(d);
 
-    ParseProcInfo p(tree.root());
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
     LogLines log;
-    std::vector<Record> recs = parseRecords(cpuTimeText(p, 0, {}));
+    std::vector<Record> recs = parseRecords(cpuTimeText(*p, 0, {}));
     EXPECT_EQ(recs.size(), expected);
     EXPECT_LT(recs.size(), static_cast<size_t>(ParseProcInfo::kMaxWalkEntries + 10));
     EXPECT_EQ(log.count("Qmed-ParseProcInfo: getProcCpuTime loop time reach max"), 1u);
 }
 
 TEST(ParseProcInfo, FailsOnlyWhenTheRootCannotBeOpened) {
-    ParseProcInfo p("/nonexistent-qmed-root");
+    sp<ParseProcInfo> p = new ParseProcInfo("/nonexistent-qmed-root");
     char buf[16] = {0};
     int id = 1;
-    EXPECT_EQ(p.getProcCpuTime(buf, 0, &id, 1), -1);
+    EXPECT_EQ(p->getProcCpuTime(buf, 0, &id, 1), -1);
     int out = 77;
-    EXPECT_EQ(p.getPidByNameAndUid("init", -1, &out), -1);
+    EXPECT_EQ(p->getPidByNameAndUid("init", -1, &out), -1);
     EXPECT_EQ(out, 77);
 }
 
@@ -301,12 +301,12 @@ TEST(ParseProcInfo, MatchesNamesWithBlanksAndParentheses) {
     ProcTree tree;
     tree.add(40, 0, statLine(40, "a) (b", 1, 1));
     tree.add(41, 10001, statLine(41, "my app", 0, 0));
-    ParseProcInfo p(tree.root());
-    EXPECT_TRUE(p.matchNameAndUidByPid("a) (b", -1, 40));
-    EXPECT_FALSE(p.matchNameAndUidByPid("a", -1, 40));
-    EXPECT_TRUE(p.matchNameAndUidByPid("my app", 10001, 41));
-    EXPECT_FALSE(p.matchNameAndUidByPid("my app", 10002, 41));
-    EXPECT_FALSE(p.matchNameAndUidByPid("my app", -1, 42));
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
+    EXPECT_TRUE(p->matchNameAndUidByPid("a) (b", -1, 40));
+    EXPECT_FALSE(p->matchNameAndUidByPid("a", -1, 40));
+    EXPECT_TRUE(p->matchNameAndUidByPid("my app", 10001, 41));
+    EXPECT_FALSE(p->matchNameAndUidByPid("my app", 10002, 41));
+    EXPECT_FALSE(p->matchNameAndUidByPid("my app", -1, 42));
 }
 
 TEST(ParseProcInfo, CmdlineIsBoundedByTheBufferLength) {
@@ -338,29 +338,48 @@ TEST(ParseProcInfo, CmdlineIsBoundedByTheBufferLength) {
     ProcTree tree;
     std::string longCmd(300, 'q');
     tree.add(50, 0, statLine(50, "x", 1, 1), longCmd.data(), longCmd.size());
-    ParseProcInfo canned(tree.root());
+    sp<ParseProcInfo> canned = new ParseProcInfo(tree.root());
     memset(buf, 'z', sizeof(buf));
-    canned.getCmdLineByPid(buf, 50, 64);
+    canned->getCmdLineByPid(buf, 50, 64);
     EXPECT_EQ(std::string(buf), std::string(63, 'q'));
 }
 
 TEST(ParseProcInfo, MatchIdAndTokenizerBoundaries) {
-    ParseProcInfo p("/proc");
+    sp<ParseProcInfo> p = new ParseProcInfo("/proc");
     int ids[] = {5, 7, 9};
-    EXPECT_TRUE(p.matchId(9, ids, 3));
-    EXPECT_FALSE(p.matchId(9, ids, 2));
-    EXPECT_FALSE(p.matchId(5, ids, 0));
-    EXPECT_TRUE(p.matchId(4, ids, -1));
-    EXPECT_TRUE(p.matchId(4, nullptr, -1));
-    EXPECT_FALSE(p.matchId(4, nullptr, 3));
+    EXPECT_TRUE(p->matchId(9, ids, 3));
+    EXPECT_FALSE(p->matchId(9, ids, 2));
+    EXPECT_FALSE(p->matchId(5, ids, 0));
+    EXPECT_TRUE(p->matchId(4, ids, -1));
+    EXPECT_TRUE(p->matchId(4, nullptr, -1));
+    EXPECT_FALSE(p->matchId(4, nullptr, 3));
 
     char text[] = "a b,c";
     char* cursor = text;
-    EXPECT_STREQ(p.nexttok(&cursor), "a");
-    EXPECT_STREQ(p.nexttoksep(&cursor, ","), "b");
-    EXPECT_STREQ(p.nexttok(&cursor), "c");
+    EXPECT_STREQ(p->nexttok(&cursor), "a");
+    EXPECT_STREQ(p->nexttoksep(&cursor, ","), "b");
+    EXPECT_STREQ(p->nexttok(&cursor), "c");
     EXPECT_EQ(cursor, nullptr);
-    char* t = p.nexttok(&cursor);
+    char* t = p->nexttok(&cursor);
     ASSERT_NE(t, nullptr);
     EXPECT_STREQ(t, "");
+}
+
+TEST(ParseProcInfo, ConcurrentScansKeepTheirOwnSeparators) {
+    ProcTree tree;
+    const char cmd[] = "com.qmed.pkg";
+    tree.add(11, 2000, statLine(11, "one", 3, 2));
+    tree.add(12, 1000, statLine(12, "main", 8, 1), cmd, sizeof(cmd));
+    sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
+    std::vector<std::thread> threads;
+    std::vector<int> bad(4, 0);
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 100; i++) {
+                bad[t] += cpuTimeText(*p, 2, {11, 12}) != "2000\t5\tone\t1000\t9\tcom.qmed.pkg";
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(bad, std::vector<int>(4, 0));
 }
