@@ -1,0 +1,161 @@
+// Kernel event latency: from injection at the simulator to arrival in a
+// listener process, against a null binder round trip to the daemon measured in
+// the same run; then the sustained event rate with three listeners.
+// Run as root through qmed-ns:  build/bin/qmed-ns -- build/bin/bench_msghub [EVENTS]
+
+#include <binder/IInterface.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+#include "daemon/IQmedBinderService.h"
+#include "listener/IQmedBinderListener.h"
+#include "tests/support/DaemonHarness.h"
+#include "tools/kmodsim/KmodsimControl.h"
+
+using namespace android;
+
+namespace {
+
+int64_t nowNs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+class CountingListener : public BnInterface<IQmedBinderListener> {
+  public:
+    int onKstateCallback(int len, unsigned char* data) override {
+        long seq = -1;
+        if (len > 20 && data != nullptr && memcmp(data + 16, "seq-", 4) == 0) {
+            seq = strtol(reinterpret_cast<char*>(data) + 20, nullptr, 10);
+        }
+        std::lock_guard<std::mutex> lock(mLock);
+        ++mCount;
+        mLastSeq = seq;
+        mCond.notify_all();
+        return 0;
+    }
+    int onNetworkPacketCallback(int, const int*) override { return 0; }
+    int onStopProcSpearCallback(int, const char*) override { return 0; }
+    int dump(int, const Vector<String16>&) override { return 0; }
+
+    bool waitSeq(long seq) {
+        std::unique_lock<std::mutex> lock(mLock);
+        return mCond.wait_for(lock, std::chrono::seconds(5), [&] { return mLastSeq == seq; });
+    }
+    bool waitCount(long count, int seconds) {
+        std::unique_lock<std::mutex> lock(mLock);
+        return mCond.wait_for(lock, std::chrono::seconds(seconds), [&] { return mCount >= count; });
+    }
+    long count() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mCount;
+    }
+
+  private:
+    std::mutex mLock;
+    std::condition_variable mCond;
+    long mCount = 0;
+    long mLastSeq = -1;
+};
+
+double percentile(std::vector<double> v, double p) {
+    std::sort(v.begin(), v.end());
+    size_t i = static_cast<size_t>(p * (v.size() - 1));
+    return v[i];
+}
+
+bool registerListener(const sp<IBinder>& service, const sp<CountingListener>& l) {
+    Parcel data, reply;
+    data.writeInterfaceToken(IQmedBinderService::descriptor);
+    data.writeStrongBinder(IInterface::asBinder(l));
+    data.writeInt32(1);
+    return service->transact(IQmedBinderService::REGISTER_LISTENER, data, &reply) == NO_ERROR &&
+           reply.readInt32() == 0 && reply.readInt32() == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int events = argc > 1 ? atoi(argv[1]) : 300;
+    qmedtest::DaemonOptions opts;
+    opts.logLevel = "w";
+    opts.simulator = true;
+    qmedtest::Daemon daemon(opts);
+    kmodsim::Control ctl(daemon.simulatorCtl());
+    if (!daemon.start() || !ctl.ok("wait-identified 5000")) {
+        fprintf(stderr, "bench_msghub: daemon did not start:\n%s\n", daemon.log().c_str());
+        return 1;
+    }
+    for (auto& kv : daemon.clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    ProcessState::self()->startThreadPool();
+    sp<IBinder> service = defaultServiceManager()->getService(String16("Binder.Qmed"));
+    if (service == nullptr) {
+        fprintf(stderr, "bench_msghub: no Binder.Qmed\n");
+        return 1;
+    }
+
+    // Baseline: null binder round trips to the same daemon.
+    std::vector<double> ping;
+    for (int i = 0; i < events * 4; ++i) {
+        int64_t t0 = nowNs();
+        service->pingBinder();
+        ping.push_back((nowNs() - t0) / 1000.0);
+    }
+
+    sp<CountingListener> first = new CountingListener();
+    if (!registerListener(service, first)) {
+        fprintf(stderr, "bench_msghub: register failed\n");
+        return 1;
+    }
+    std::vector<double> latency;
+    for (int i = 0; i < events; ++i) {
+        int64_t t0 = nowNs();
+        if (!ctl.ok("event kind 55 seq-" + std::to_string(i)) || !first->waitSeq(i)) {
+            fprintf(stderr, "bench_msghub: event %d lost\n", i);
+            return 1;
+        }
+        latency.push_back((nowNs() - t0) / 1000.0);
+    }
+
+    sp<CountingListener> second = new CountingListener();
+    sp<CountingListener> third = new CountingListener();
+    if (!registerListener(service, second) || !registerListener(service, third)) return 1;
+    const long flood = events * 10;
+    const long before = first->count();
+    int64_t t0 = nowNs();
+    if (!ctl.ok("flood " + std::to_string(flood) + " kind 55 rate") ||
+        !first->waitCount(before + flood, 120) || !second->waitCount(flood, 120) ||
+        !third->waitCount(flood, 120)) {
+        fprintf(stderr, "bench_msghub: flood incomplete\n");
+        return 1;
+    }
+    double seconds = (nowNs() - t0) / 1e9;
+    double rate = flood / seconds;
+
+    double pingMedian = percentile(ping, 0.5);
+    double latMedian = percentile(latency, 0.5);
+    printf("null binder round trip: median %.1f us, p99 %.1f us (%zu calls)\n", pingMedian,
+           percentile(ping, 0.99), ping.size());
+    printf("event latency simulator -> listener: median %.1f us, p99 %.1f us (%d events)\n",
+           latMedian, percentile(latency, 0.99), events);
+    printf("latency ratio (median / null round trip): %.2f (target <= 3)\n",
+           latMedian / pingMedian);
+    printf("latency ratio (p99 / null round trip p99): %.2f\n",
+           percentile(latency, 0.99) / percentile(ping, 0.99));
+    printf("sustained rate, 3 listeners: %.0f events/s (%ld events in %.2f s)\n", rate, flood,
+           seconds);
+    printf("rate ratio (events/s x 3 callbacks vs null round trips/s): %.2f\n",
+           rate * 3 / (1e6 / pingMedian));
+    return 0;
+}
