@@ -41,20 +41,19 @@ std::string toUtf8(const String16& s) {
 }
 
 void usage() {
-    std::cout
-            << "Usage: service [-h|-?]\n"
-               "       service list\n"
-               "       service check SERVICE\n"
-               "       service call SERVICE CODE [i32 N | i64 N | f N | d N | s16 STR | null"
-               " | fd f] ...\n"
-               "Options:\n"
-               "   i32: Write the 32-bit integer N into the send parcel.\n"
-               "   i64: Write the 64-bit integer N into the send parcel.\n"
-               "   f:   Write the 32-bit single-precision number N into the send parcel.\n"
-               "   d:   Write the 64-bit double-precision number N into the send parcel.\n"
-               "   s16: Write the UTF-16 string STR into the send parcel.\n"
-               "  null: Write a null binder into the send parcel.\n"
-               "    fd: Write a file descriptor for the file f into the send parcel.\n";
+    std::cout << "Usage: service [-h|-?]\n"
+                 "       service list\n"
+                 "       service check SERVICE\n"
+                 "       service call SERVICE CODE [i32 N | i64 N | f N | d N | s16 STR | null"
+                 " | fd f] ...\n"
+                 "Options:\n"
+                 "   i32: Write the 32-bit integer N into the send parcel.\n"
+                 "   i64: Write the 64-bit integer N into the send parcel.\n"
+                 "   f:   Write the 32-bit single-precision number N into the send parcel.\n"
+                 "   d:   Write the 64-bit double-precision number N into the send parcel.\n"
+                 "   s16: Write the UTF-16 string STR into the send parcel.\n"
+                 "  null: Write a null binder into the send parcel.\n"
+                 "    fd: Write a file descriptor for the file f into the send parcel.\n";
 }
 
 int callService(int argc, char** argv, int optind) {
@@ -129,8 +128,8 @@ int main(int argc, char** argv) {
         std::cout << "Found " << services.size() << " services:" << std::endl;
         for (size_t i = 0; i < services.size(); i++) {
             sp<IBinder> service = sm->checkService(services[i]);
-            std::cout << i << "\t" << toUtf8(services[i]) << ": ["
-                      << toUtf8(interfaceName(service)) << "]" << std::endl;
+            std::cout << i << "\t" << toUtf8(services[i]) << ": [" << toUtf8(interfaceName(service))
+                      << "]" << std::endl;
         }
         return 0;
     }
