@@ -34,16 +34,35 @@ int64_t nowNs() {
 
 class CountingListener : public BnInterface<IQmedBinderListener> {
   public:
+    // Text "seq-N-T": N the sequence number, T the simulator's sending time.
     int onKstateCallback(int len, unsigned char* data) override {
+        const int64_t arrival = nowNs();
         long seq = -1;
+        int64_t sent = 0;
         if (len > 20 && data != nullptr && memcmp(data + 16, "seq-", 4) == 0) {
-            seq = strtol(reinterpret_cast<char*>(data) + 20, nullptr, 10);
+            char* end = nullptr;
+            seq = strtol(reinterpret_cast<char*>(data) + 20, &end, 10);
+            if (end != nullptr && *end == '-') sent = strtoll(end + 1, nullptr, 10);
         }
         std::lock_guard<std::mutex> lock(mLock);
         ++mCount;
         mLastSeq = seq;
+        mLastLatencyNs = sent > 0 ? arrival - sent : -1;
         mCond.notify_all();
         return 0;
+    }
+    // The wire side of the callback: count, then count words of payload.
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != ON_KSTATE_CALLBACK) return BBinder::onTransact(code, data, reply, flags);
+        if (!data.checkInterface(this)) return BAD_TYPE;
+        int count = data.readInt32();
+        int words = data.readInt32();
+        if (words < 0 || static_cast<size_t>(words) > data.dataAvail() / 4) return BAD_VALUE;
+        std::vector<int32_t> values(static_cast<size_t>(words));
+        for (int i = 0; i < words; i++) values[i] = data.readInt32();
+        int len = count < words * 4 ? count : words * 4;
+        reply->writeInt32(onKstateCallback(len, reinterpret_cast<unsigned char*>(values.data())));
+        return NO_ERROR;
     }
     int onNetworkPacketCallback(int, const int*) override { return 0; }
     int onStopProcSpearCallback(int, const char*) override { return 0; }
@@ -57,6 +76,10 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
         std::unique_lock<std::mutex> lock(mLock);
         return mCond.wait_for(lock, std::chrono::seconds(seconds), [&] { return mCount >= count; });
     }
+    int64_t lastLatencyNs() {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mLastLatencyNs;
+    }
     long count() {
         std::lock_guard<std::mutex> lock(mLock);
         return mCount;
@@ -67,6 +90,7 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
     std::condition_variable mCond;
     long mCount = 0;
     long mLastSeq = -1;
+    int64_t mLastLatencyNs = -1;
 };
 
 double percentile(std::vector<double> v, double p) {
@@ -89,7 +113,9 @@ bool registerListener(const sp<IBinder>& service, const sp<CountingListener>& l)
 int main(int argc, char** argv) {
     const int events = argc > 1 ? atoi(argv[1]) : 300;
     qmedtest::DaemonOptions opts;
-    opts.logLevel = "w";
+    opts.logLevel = getenv("QMED_BENCH_LOG") ? getenv("QMED_BENCH_LOG") : "w";
+    opts.properties.emplace_back("persist.sys.qmed.debug",
+                                 getenv("QMED_BENCH_LOG") ? "true" : "false");
     opts.simulator = true;
     qmedtest::Daemon daemon(opts);
     kmodsim::Control ctl(daemon.simulatorCtl());
@@ -120,12 +146,14 @@ int main(int argc, char** argv) {
     }
     std::vector<double> latency;
     for (int i = 0; i < events; ++i) {
-        int64_t t0 = nowNs();
-        if (!ctl.ok("event kind 55 seq-" + std::to_string(i)) || !first->waitSeq(i)) {
-            fprintf(stderr, "bench_msghub: event %d lost\n", i);
+        std::string reply;
+        if (!ctl.ok("event kind 55 seq-" + std::to_string(i) + "-@now", &reply) ||
+            !first->waitSeq(i)) {
+            fprintf(stderr, "bench_msghub: event %d lost (%s, %ld callbacks)\n%s\n", i,
+                    reply.c_str(), first->count(), daemon.log().c_str());
             return 1;
         }
-        latency.push_back((nowNs() - t0) / 1000.0);
+        latency.push_back(first->lastLatencyNs() / 1000.0);
     }
 
     sp<CountingListener> second = new CountingListener();

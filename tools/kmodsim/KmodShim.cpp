@@ -76,49 +76,49 @@ ssize_t shimSend(int fd, const struct msghdr* msg) {
 }
 
 ssize_t shimRecv(int fd, struct msghdr* msg, int flags) {
-    REAL(recv);
-    unsigned char* buf = static_cast<unsigned char*>(malloc(kMaxRecord));
-    if (buf == nullptr) {
-        errno = ENOMEM;
+    REAL(recvmsg);
+    if (msg->msg_iovlen > 64) {
+        errno = EMSGSIZE;
         return -1;
     }
+    // The record header goes aside, the netlink message straight into the
+    // caller's buffers.
+    unsigned char header[kRecordHeader];
+    struct iovec parts[1 + 64];
+    parts[0] = {header, sizeof(header)};
+    size_t room = 0;
+    for (size_t i = 0; i < msg->msg_iovlen; ++i) {
+        parts[1 + i] = msg->msg_iov[i];
+        room += msg->msg_iov[i].iov_len;
+    }
     for (;;) {
-        ssize_t n = real_recv(fd, buf, kMaxRecord, flags & (MSG_DONTWAIT | MSG_PEEK));
-        if (n < 0) {
-            free(buf);
-            return -1;
-        }
+        struct msghdr inner = {};
+        inner.msg_iov = parts;
+        inner.msg_iovlen = 1 + msg->msg_iovlen;
+        ssize_t n = real_recvmsg(fd, &inner, flags & (MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC));
+        if (n < 0) return -1;
         if (n == 0) {
             // The simulator went away. A kernel module never hangs up: behave as
             // one that has nothing more to say instead of reporting end of file.
             if (flags & MSG_DONTWAIT) {
-                free(buf);
                 errno = EAGAIN;
                 return -1;
             }
             for (;;) pause();
         }
-        if (static_cast<size_t>(n) < kRecordHeader || getLe32(buf) != OP_DELIVER) continue;
-        const uint32_t source = getLe32(buf + 4);
+        if (static_cast<size_t>(n) < kRecordHeader || getLe32(header) != OP_DELIVER) continue;
         const size_t length = static_cast<size_t>(n) - kRecordHeader;
-        size_t copied = 0;
-        for (size_t i = 0; i < msg->msg_iovlen && copied < length; ++i) {
-            size_t chunk = msg->msg_iov[i].iov_len;
-            if (chunk > length - copied) chunk = length - copied;
-            memcpy(msg->msg_iov[i].iov_base, buf + kRecordHeader + copied, chunk);
-            copied += chunk;
-        }
-        msg->msg_flags = copied < length ? MSG_TRUNC : 0;
+        msg->msg_flags = (inner.msg_flags & MSG_TRUNC) ? MSG_TRUNC : 0;
         if (msg->msg_name != nullptr) {
             struct sockaddr_nl from = {};
             from.nl_family = AF_NETLINK;
-            from.nl_pid = source;
-            socklen_t room = msg->msg_namelen;
-            memcpy(msg->msg_name, &from, room < sizeof(from) ? room : sizeof(from));
+            from.nl_pid = getLe32(header + 4);
+            socklen_t space = msg->msg_namelen;
+            memcpy(msg->msg_name, &from, space < sizeof(from) ? space : sizeof(from));
             msg->msg_namelen = sizeof(from);
         }
-        free(buf);
-        return static_cast<ssize_t>((flags & MSG_TRUNC) ? length : copied);
+        // With MSG_TRUNC the kernel reports the full record length.
+        return static_cast<ssize_t>((flags & MSG_TRUNC) ? length : (length < room ? length : room));
     }
 }
 

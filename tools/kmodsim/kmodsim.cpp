@@ -359,6 +359,15 @@ class Simulator {
         if (a.size() >= at + 2 && a[at] == "kind" && toInt(a[at + 1], &x)) {
             std::string text;
             for (size_t i = at + 2; i < a.size(); ++i) text += (i > at + 2 ? " " : "") + a[i];
+            // "@now": the CLOCK_MONOTONIC time of sending in ns, for latency measurements.
+            size_t at = text.find("@now");
+            if (at != std::string::npos) {
+                struct timespec ts;
+                clock_gettime(CLOCK_MONOTONIC, &ts);
+                text.replace(
+                        at, 4,
+                        std::to_string(static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec));
+            }
             *msg = eventMessage(static_cast<int>(x), text);
             return true;
         }
