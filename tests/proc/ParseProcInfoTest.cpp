@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <gtest/gtest.h>
+#include <host/LogCapture.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -15,11 +16,10 @@
 #include <vector>
 
 #include "proc/ParseProcInfo.h"
-#include "tests/proc/LogLines.h"
 #include "tests/support/TestChild.h"
 
 using android::sp;
-using qmedtest::LogLines;
+using qmed::host::LogCapture;
 using qmedtest::TestChild;
 
 namespace {
@@ -181,7 +181,7 @@ TEST(ParseProcInfo, SurvivesHostileStatAndCmdlineContents) {
     tree.add(31, 1000, statLine(31, "sys", 2, 0), longCmd.data(), longCmd.size());
     sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
 
-    LogLines log;
+    LogCapture log;
     std::vector<Record> recs = parseRecords(
             cpuTimeText(*p, 2, {20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31, 999999}));
     // Only the well-formed ones survive: 26 sums "abc" and -7, 28 has a 980-byte name.
@@ -248,7 +248,7 @@ TEST(ParseProcInfo, StopsTheWalkAfterTenThousandEntries) {
     closedir(d);
 
     sp<ParseProcInfo> p = new ParseProcInfo(tree.root());
-    LogLines log;
+    LogCapture log;
     std::vector<Record> recs = parseRecords(cpuTimeText(*p, 0, {}));
     EXPECT_EQ(recs.size(), expected);
     EXPECT_LT(recs.size(), static_cast<size_t>(ParseProcInfo::kMaxWalkEntries + 10));
@@ -270,7 +270,7 @@ TEST(ParseProcInfo, FindsPidByShortNameAndOwner) {
     TestChild sys = TestChild::spawn(TestChild::Kind::Sleep, "qmed-sys-probe", 1000);
     ASSERT_GT(child.pid(), 0);
     sp<ParseProcInfo> p = ParseProcInfo::getInstance();
-    LogLines log;
+    LogCapture log;
 
     int out = -1;
     EXPECT_EQ(p->getPidByNameAndUid("qmed-pid-probe", -1, &out), 0);

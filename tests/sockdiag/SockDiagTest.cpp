@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <host/LogCapture.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
@@ -15,9 +16,8 @@
 
 #include "daemon/QmedGlobals.h"
 #include "sockdiag/SockDiag.h"
-#include "tests/proc/LogLines.h"
 
-using qmedtest::LogLines;
+using qmed::host::LogCapture;
 
 namespace {
 
@@ -240,7 +240,7 @@ TEST(SockDiag, DestroysTheUidsSocketsFromADump) {
     dump.send(done());
     dump.send(diagMsg(v6) + diagMsg(mapped127) + diagMsg(mappedLo) + done());
 
-    LogLines log;
+    LogCapture log;
     ASSERT_EQ(sd.destroySocketsUid(kUid, true), 0);
     EXPECT_EQ(sd.getDestroyedCount(), 4);
     std::vector<std::string> reqs = destroy.received();
@@ -251,7 +251,7 @@ TEST(SockDiag, DestroysTheUidsSocketsFromADump) {
     EXPECT_EQ(requestId(reqs[3]), idOf(mappedLo));
     EXPECT_EQ(dump.received().size(), 2u);
     // Only the TIME_WAIT one is worth a line; its "dst" shows the source address.
-    EXPECT_EQ(log.count("sockDestroy succ"), 1u) << log.all();
+    EXPECT_EQ(log.count("sockDestroy succ"), 1u) << ::testing::PrintToString(log.lines());
     EXPECT_EQ(log.count("Qmed: sockDestroy succ, uid=10001 family=2, idiag_state=6, "
                         "src=10.0.0.2:5000, dst=10.0.0.2:80"),
               1u);
@@ -294,7 +294,7 @@ TEST(SockDiag, DestroysByPidOnlyWithAMatchingOwnerAttribute) {
               done());
     dump.send(done());
 
-    LogLines log;
+    LogCapture log;
     ASSERT_EQ(sd.destroySocketsPid(kUid, pid, true), 0);
     EXPECT_EQ(sd.getDestroyedCount(), 2);
     std::vector<std::string> reqs = destroy.received();
@@ -306,7 +306,7 @@ TEST(SockDiag, DestroysByPidOnlyWithAMatchingOwnerAttribute) {
 
 TEST(SockDiag, DumpErrorsEndTheOperationWithTheirCode) {
     signal(SIGPIPE, SIG_IGN);
-    LogLines log;
+    LogCapture log;
     {
         // Refused at the request: IPv6 is never asked for.
         Channel dump, destroy;
@@ -398,7 +398,7 @@ TEST(SockDiag, RefusedDestroyIsLoggedAndTheDumpGoesOn) {
     destroy.send(errorMsg(-ENOENT));
     dump.send(diagMsg(a) + diagMsg(b) + done());
     dump.send(done());
-    LogLines log;
+    LogCapture log;
     ASSERT_EQ(sd.destroySocketsUid(kUid, true), 0);
     EXPECT_EQ(sd.getDestroyedCount(), 1);
     EXPECT_EQ(destroy.received().size(), 2u);

@@ -25,7 +25,10 @@ constexpr uid_t kUid = 54321;
 
 class Sockets : public ::testing::Test {
   protected:
+    // qemu-user does not translate NETLINK_INET_DIAG, so an emulated daemon cannot reach it.
+    static bool emulated() { return getenv("QMED_EMULATOR") != nullptr; }
     static void SetUpTestSuite() {
+        if (emulated()) return;
         // The mapped-address rule needs an address whose last byte is 127.
         runCommand({"ip", "addr", "add", "10.0.0.127/24", "dev", "qa"});
         DaemonOptions opts;
@@ -37,7 +40,12 @@ class Sockets : public ::testing::Test {
         delete sDaemon;
         sDaemon = nullptr;
     }
-    void TearDown() override { EXPECT_TRUE(sDaemon->running()) << sDaemon->log(); }
+    void SetUp() override {
+        if (emulated()) GTEST_SKIP() << "no sock_diag netlink under emulation";
+    }
+    void TearDown() override {
+        if (sDaemon != nullptr) EXPECT_TRUE(sDaemon->running()) << sDaemon->log();
+    }
 
     // Inodes of the sock_diag sockets (netlink protocol 4) the daemon holds, with their fds.
     static std::map<std::string, int> diagSockets() {
