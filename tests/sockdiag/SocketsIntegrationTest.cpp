@@ -44,7 +44,9 @@ class Sockets : public ::testing::Test {
         if (emulated()) GTEST_SKIP() << "no sock_diag netlink under emulation";
     }
     void TearDown() override {
-        if (sDaemon != nullptr) EXPECT_TRUE(sDaemon->running()) << sDaemon->log();
+        if (sDaemon != nullptr) {
+            EXPECT_TRUE(sDaemon->running()) << sDaemon->log();
+        }
     }
 
     // Inodes of the sock_diag sockets (netlink protocol 4) the daemon holds, with their fds.
