@@ -18,6 +18,14 @@ namespace {
 
 const std::vector<uint8_t> kIdentifyRequest = tlvMessage(TLV_TAG_REGISTER, 0, 0, 0);
 
+// A hub whose thread ran is kept for the life of the process: the platform
+// thread drops its own last reference after join() returns, so destroying the
+// hub here would race with that.
+void keepForever(const sp<ChannelManager>& hub) {
+    static auto* kept = new std::vector<sp<ChannelManager>>();
+    kept->push_back(hub);
+}
+
 // Runs one select-and-read pass of the hub, as its thread does.
 void pump(ChannelManager& hub) {
     ASSERT_EQ(0, hub.waitForMessage());
@@ -73,6 +81,7 @@ TEST(ChannelManager, FailedInitIsNotListedAndHubStillRuns) {
     EXPECT_EQ(0u, hub->channelCount());
     hub->requestExit();
     hub->join();
+    keepForever(hub);
     delete factory;
 }
 
@@ -178,6 +187,7 @@ TEST(ChannelManager, ThreadIdentifiesItsFirstChannel) {
     // Wake the select so the loop can see the exit request.
     channel->inject(tlvMessage(0, 4, 0, 0));
     hub->join();
+    keepForever(hub);
 }
 
 }  // namespace
