@@ -163,3 +163,11 @@ __attribute__((constructor)) void applyHostLogLevel() {
 }
 
 }  // namespace
+
+// ThreadSanitizer cannot see the atomics inside Debian's uninstrumented libutils, so the
+// reference counting of RefBase (a strong pointer released on one thread, the object freed
+// on another) looks like a race. Applies to thread-sanitized host programs only.
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:libutils.so\n"
+           "race:android::RefBase\n";
+}

@@ -392,6 +392,10 @@ std::string Transport::endpointLocked() {
 }
 
 void Transport::addSource(Source* s) {
+    {
+        std::lock_guard<std::mutex> l(mSourcesLock);
+        mSources.insert(s);
+    }
     struct epoll_event ev = {};
     ev.events = EPOLLIN | EPOLLONESHOT;
     ev.data.ptr = s;
@@ -410,6 +414,10 @@ void Transport::rearm(Source* s) {
 void Transport::dropSource(Source* s) {
     epoll_ctl(mEpoll, EPOLL_CTL_DEL, s->fd, nullptr);
     close(s->fd);
+    {
+        std::lock_guard<std::mutex> l(mSourcesLock);
+        mSources.erase(s);
+    }
     delete s;
 }
 

@@ -17,6 +17,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -122,6 +123,8 @@ class Transport {
     std::string mEndpoint;
     int mEpoll;
     std::map<std::string, Source*> mServices;
+    std::mutex mSourcesLock;     // taken alone or inside mLock
+    std::set<Source*> mSources;  // every source in the epoll set, so none is lost
     std::map<uint64_t, sp<IBinder>> mExports;
     std::map<IBinder*, uint64_t> mExportIds;
     uint64_t mNextId;
