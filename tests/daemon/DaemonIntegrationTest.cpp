@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -342,6 +343,30 @@ TEST_F(DaemonIntegration, DumpReachesEveryDumpListener) {
     EXPECT_TRUE(first.waitForLine("dump args=\"a b\""));
     EXPECT_TRUE(second.waitForLine("dump args=\"a b\""));
     EXPECT_EQ(0u, other.countLines("dump args"));
+}
+
+TEST_F(DaemonIntegration, WritingToAClosedPipeDoesNotKillTheDaemon) {
+    // An unprivileged dump makes the daemon write its denial line into the caller's fd:
+    // here a pipe whose reading end is already closed.
+    pid_t child = fork();
+    if (child == 0) {
+        if (setgid(10050) != 0 || setuid(10050) != 0) _exit(3);
+        sp<IBinder> service =
+                android::defaultServiceManager()->checkService(String16("Binder.Qmed"));
+        if (service == nullptr) _exit(4);
+        int fds[2];
+        if (pipe(fds) != 0) _exit(5);
+        close(fds[0]);
+        service->dump(fds[1], android::Vector<String16>());
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    usleep(100 * 1000);
+    EXPECT_TRUE(daemon().running());
+    Parcel reply;
+    EXPECT_EQ(0, call(5, {1}, &reply));
 }
 
 // Fresh daemons for the tests that change process-wide state.
