@@ -26,7 +26,8 @@ class SimEnvironment : public ::testing::Environment {
         std::string base = "@hubshim-" + std::to_string(getpid());
         setenv("KMODSIM_SOCKET", base.c_str(), 1);
         gSim = new kmodsim::SimProcess();
-        ASSERT_TRUE(gSim->start(qmedtest::toolPath("kmodsim"), base, base + "-ctl", "hold"));
+        ASSERT_TRUE(gSim->start(qmedtest::toolPath("kmodsim"), base, base + "-ctl", "hold", "",
+                                qmedtest::emulatorPrefix()));
     }
     void TearDown() override {
         delete gSim;
