@@ -16,6 +16,7 @@
 #include "freezer/Freezer.h"
 #include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzLog.h"
+#include "fuzz/FuzzScratch.h"
 #include "limiter/Spear.h"
 #include "listener/IQmedBinderListenerService.h"
 #include "msghub/ChannelManager.h"
@@ -75,13 +76,7 @@ bool readable(int fd) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzzSilenceLog();
-    const char* base = getenv("TMPDIR");
-    std::string tmpl =
-            std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qmed-hubfuzz-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) abort();
-    sFrzRoot = buf.data();
+    sFrzRoot = fuzzScratchDir("hubfuzz");
     // A freezer over a plain directory: binder-call records are kept, nothing is frozen.
     sp<Freezer> freezer = new Freezer(android::String8(sFrzRoot.c_str()));
     sRegistry = new IQmedBinderListenerService(freezer, Spear::getInstance());

@@ -12,6 +12,7 @@
 #include "daemon/QmedGlobals.h"
 #include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzLog.h"
+#include "fuzz/FuzzScratch.h"
 #include "listener/IQmedBinderListenerService.h"
 #include "proc/ParseProcInfo.h"
 
@@ -32,13 +33,7 @@ std::string nodePath(size_t dir, size_t file) {
 }
 
 void makeTree() {
-    const char* base = getenv("TMPDIR");
-    std::string tmpl =
-            std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qmed-procfuzz-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) abort();
-    sRoot = buf.data();
+    sRoot = fuzzScratchDir("procfuzz");
     for (const char* d : kDirs) mkdir((sRoot + "/" + d).c_str(), 0755);
     // Not a directory, not a pid: every walker must step over it.
     int fd = open((sRoot + "/uptime").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);

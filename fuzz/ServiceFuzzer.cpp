@@ -28,6 +28,7 @@
 #include "daemon/QmedGlobals.h"
 #include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzLog.h"
+#include "fuzz/FuzzScratch.h"
 #include "listener/IQmedBinderListenerService.h"
 
 using android::IBinder;
@@ -125,13 +126,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         exit(2);
     }
     fuzzSilenceLog();
-    const char* base = getenv("TMPDIR");
-    std::string tmpl =
-            std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/qmed-svcfuzz-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) abort();
-    sScratch = buf.data();
+    sScratch = fuzzScratchDir("svcfuzz");
     for (const char* f : {"/node", "/watchdog"}) {
         int fd = open((sScratch + f).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         if (fd >= 0) close(fd);
