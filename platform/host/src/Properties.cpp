@@ -164,10 +164,15 @@ __attribute__((constructor)) void applyHostLogLevel() {
 
 }  // namespace
 
-// ThreadSanitizer cannot see the atomics inside Debian's uninstrumented libutils, so the
-// reference counting of RefBase (a strong pointer released on one thread, the object freed
-// on another) looks like a race. Applies to thread-sanitized host programs only.
+// Applies to thread-sanitized host programs only.
+// - ThreadSanitizer cannot see the atomics inside Debian's uninstrumented libutils, so the
+//   reference counting of RefBase (a strong pointer released on one thread, the object
+//   freed on another) looks like a race.
+// - It does not model re-arming a one-shot epoll entry (EPOLL_CTL_MOD) as a release, so a
+//   connection re-armed by one binder thread and then closed by the next one to receive it
+//   looks like a race although the kernel orders the two.
 extern "C" const char* __tsan_default_suppressions() {
     return "race:libutils.so\n"
-           "race:android::RefBase\n";
+           "race:android::RefBase\n"
+           "race:android::hostbinder::Transport::dropSource\n";
 }
