@@ -71,6 +71,7 @@ bool Freezer::isFrzInited() {
 bool Freezer::isFreezed(int pid) {
     if (!mInited) return false;
     Mutex::Autolock lock(mLock);
+    Mutex::Autolock state(mStateLock);
     return mFrozenPids.indexOfKey(pid) >= 0;
 }
 
@@ -151,40 +152,43 @@ bool Freezer::freezePid(int pid, bool checkBinder) {
         return false;
     }
     if (bDebug) ALOGD("freezePid begin, pid: %d", pid);
-    if (mFrozenPids.indexOfKey(pid) >= 0) {
-        ALOGI("freezePid, already frzd pid: %d", pid);
-        return true;
-    }
-    sp<CGroup> group = mGroupPool->getGroup();
-    if (group == nullptr) {
-        ALOGI("Process %d get group fail", pid);
-        return false;
-    }
-    mFrozenPids.add(pid, group);
-    // A failed attach keeps the entry and the group's used mark; thawPid clears both later.
-    if (!group->attachPid(pid)) {
-        ALOGI("freeze pid fail in proccess %d", pid);
-        return false;
-    }
-    // Writing a tid to cgroup.procs moves its whole thread group, so the tgid is checked after
-    // the attach: the move is undone and no thread is ever frozen on its own.
-    if (getTgid(pid) != pid) {
-        ALOGW("freezePid not frz tid: %d", pid);
-        group->detachPid(pid);
-        mGroupPool->putGroup(group);
-        mFrozenPids.removeItem(pid);
-        return false;
-    }
-    if (pid == getpid()) {
-        ALOGW("freezePid not frz my tid: %d", pid);
-        group->detachPid(pid);
-        mGroupPool->putGroup(group);
-        mFrozenPids.removeItem(pid);
-        return false;
-    }
-    if (!group->setCGroup(String8(CGroup::kStateFile), String8("FROZEN"))) {
-        ALOGI("set cgroup freezer_state frozen fail");
-        return false;
+    {
+        Mutex::Autolock state(mStateLock);
+        if (mFrozenPids.indexOfKey(pid) >= 0) {
+            ALOGI("freezePid, already frzd pid: %d", pid);
+            return true;
+        }
+        sp<CGroup> group = mGroupPool->getGroup();
+        if (group == nullptr) {
+            ALOGI("Process %d get group fail", pid);
+            return false;
+        }
+        mFrozenPids.add(pid, group);
+        // A failed attach keeps the entry and the group's used mark; thawPid clears both.
+        if (!group->attachPid(pid)) {
+            ALOGI("freeze pid fail in proccess %d", pid);
+            return false;
+        }
+        // Writing a tid to cgroup.procs moves its whole thread group, so the tgid is checked
+        // after the attach: the move is undone and no thread is ever frozen on its own.
+        if (getTgid(pid) != pid) {
+            ALOGW("freezePid not frz tid: %d", pid);
+            group->detachPid(pid);
+            mGroupPool->putGroup(group);
+            mFrozenPids.removeItem(pid);
+            return false;
+        }
+        if (pid == getpid()) {
+            ALOGW("freezePid not frz my tid: %d", pid);
+            group->detachPid(pid);
+            mGroupPool->putGroup(group);
+            mFrozenPids.removeItem(pid);
+            return false;
+        }
+        if (!group->setCGroup(String8(CGroup::kStateFile), String8("FROZEN"))) {
+            ALOGI("set cgroup freezer_state frozen fail");
+            return false;
+        }
     }
     if (bDebug) ALOGD("freezePid end, pid: %d", pid);
     if (checkBinder || mCheckBinder) {
@@ -217,6 +221,7 @@ bool Freezer::thawPid(int pid) {
         ALOGW("Invalid pid %d", pid);
         return true;
     }
+    Mutex::Autolock state(mStateLock);
     ssize_t index = mFrozenPids.indexOfKey(pid);
     if (index < 0) {
         ALOGI("Pid %d is not exist in vector", pid);
@@ -251,9 +256,16 @@ bool Freezer::thawAll(bool force) {
         // stuck inside a freeze holding the lock.
         locked = mLock.tryLock() == android::NO_ERROR;
     }
-    while (!mFrozenPids.isEmpty()) {
-        int pid = mFrozenPids.keyAt(0);
-        if (bDebug) ALOGD("Thaw vec size: %d, pid: %d.", (int)mFrozenPids.size(), pid);
+    for (;;) {
+        int pid;
+        size_t size;
+        {
+            Mutex::Autolock state(mStateLock);
+            if (mFrozenPids.isEmpty()) break;
+            pid = mFrozenPids.keyAt(0);
+            size = mFrozenPids.size();
+        }
+        if (bDebug) ALOGD("Thaw vec size: %d, pid: %d.", (int)size, pid);
         if (!thawPid(pid)) {
             if (bDebug) ALOGD("Thaw pid %d fail", pid);
         }
@@ -266,8 +278,9 @@ bool Freezer::thawAll(bool force) {
 void Freezer::recordBinderCallTime(int callingPid, int pid) {
     Mutex::Autolock lock(mLock);
     if (!mInited) return;
-    if (mFrozenPids.indexOfKey(pid) >= 0) {
-        if (bDebug) ALOGD("recordBinderCallTime %d freezed ", pid);
+    if (bDebug) {
+        Mutex::Autolock state(mStateLock);
+        if (mFrozenPids.indexOfKey(pid) >= 0) ALOGD("recordBinderCallTime %d freezed ", pid);
     }
     int64_t now = mClock();
     if (mBinderCallBufs[mCurBinderCallBuf].size() >= BINDER_CALL_BUF_LIMIT) {
@@ -318,6 +331,7 @@ int Freezer::getTgid(int tid) {
 
 void Freezer::printAllGroups() {
     if (!bDebug) return;
+    Mutex::Autolock state(mStateLock);
     ALOGD("print pid -- group name begin, size: %d", (int)mFrozenPids.size());
     for (size_t i = 0; i < mFrozenPids.size(); i++) {
         sp<CGroup> group = mFrozenPids.valueAt(i);
@@ -328,12 +342,12 @@ void Freezer::printAllGroups() {
 }
 
 size_t Freezer::frozenCount() {
-    Mutex::Autolock lock(mLock);
+    Mutex::Autolock state(mStateLock);
     return mFrozenPids.size();
 }
 
 String8 Freezer::groupNameOf(int pid) {
-    Mutex::Autolock lock(mLock);
+    Mutex::Autolock state(mStateLock);
     ssize_t index = mFrozenPids.indexOfKey(pid);
     if (index < 0 || mFrozenPids.valueAt(index) == nullptr) return String8();
     return mFrozenPids.valueAt(index)->getName();

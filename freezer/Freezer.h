@@ -30,7 +30,9 @@ static_assert(offsetof(BinderCallInfo, reserved) == 12, "BinderCallInfo layout")
 // may be called from any thread and take mLock themselves; thawAll(true) only tries it.
 // freezePids, thawPids, freezePid, thawPid, getLastBinderCallInfo and printAllGroups must be
 // called with mLock held. getInstance() takes no lock: call it first during start-up.
-// Lock order: mLock, then the pool's lock.
+// mStateLock guards mFrozenPids alone and is held only across one pid's cgroup writes, so the
+// forced thaw-all, which does not wait for mLock, never races a freeze on the map.
+// Lock order: mLock, then mStateLock, then the pool's lock.
 class Freezer : public android::RefBase {
   public:
     enum {
@@ -87,6 +89,7 @@ class Freezer : public android::RefBase {
     android::KeyedVector<int, BinderCallInfo> mBinderCallBufs[2];
     int32_t mCurBinderCallBuf;
     android::sp<Kstate> mKstate;
+    android::Mutex mStateLock;
     android::String8 mRoot;
     Clock mClock;
 };
