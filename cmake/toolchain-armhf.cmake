@@ -8,6 +8,12 @@ set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 
+# 64-bit d_ino/d_off/off_t as bionic has on 32-bit ARM. Without it glibc's readdir
+# fails with EOVERFLOW on the 64-bit directory offsets that a 64-bit host kernel
+# hands to an emulated process (time_t stays 32-bit, as on the device).
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+
 # Libraries come from the host's multiarch root (/usr/lib/arm-linux-gnueabihf),
 # programs (aidl, ninja) from the host.
 set(CMAKE_FIND_ROOT_PATH /)
