@@ -67,7 +67,6 @@ class ProcQueries : public ::testing::Test {
         sDaemon = new Daemon(opts);
         ASSERT_TRUE(sDaemon->start()) << sDaemon->log();
         setenv("BINDER_HOST_NS", sDaemon->binderNs().c_str(), 1);
-        android::ProcessState::self()->startThreadPool();
         sService = android::defaultServiceManager()->checkService(String16("Binder.Qmed"));
         ASSERT_NE(nullptr, sService.get());
     }
