@@ -10,6 +10,8 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/ToolRunner.h"
+
 namespace {
 
 class PropertiesTest : public ::testing::Test {
@@ -122,10 +124,12 @@ TEST(HostLogTest, LogLevelComesFromEnvironmentBeforeMain) {
     if (level == nullptr) {
         EXPECT_EQ(ANDROID_LOG_INFO, __android_log_get_minimum_priority());
     }
-    std::string cmd = "QMED_LOG_LEVEL=e /proc/" + std::to_string(getpid()) +
-                      "/exe --gtest_filter=HostLogTest.LogLevelComesFromEnvironmentBeforeMain "
-                      ">/dev/null 2>&1";
-    EXPECT_EQ(0, system(cmd.c_str()));
+    qmedtest::RunOptions opts;
+    opts.env["QMED_LOG_LEVEL"] = "e";
+    qmedtest::ToolResult r = qmedtest::runTool(
+            "platform_properties_test",
+            {"--gtest_filter=HostLogTest.LogLevelComesFromEnvironmentBeforeMain"}, opts);
+    EXPECT_EQ(0, r.exitCode) << r.out << r.err;
 }
 
 }  // namespace

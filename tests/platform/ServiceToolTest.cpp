@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tests/platform/TestService.h"
+#include "tests/support/ToolRunner.h"
 
 using namespace platformtest;
 
@@ -21,13 +22,6 @@ struct ToolRun {
     std::string out;
     std::string err;
 };
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 std::string hexWord(uint32_t v) {
     char buf[16];
@@ -48,27 +42,21 @@ class ServiceToolTest : public ::testing::Test {
   protected:
     void SetUp() override {
         useUniqueBinderNamespace();
-        char exe[PATH_MAX] = {};
-        ASSERT_GT(readlink("/proc/self/exe", exe, sizeof(exe) - 1), 0);
-        mTool = std::string(exe);
-        mTool = mTool.substr(0, mTool.rfind('/')) + "/service";
         mServer = forkTestService("tool.svc");
         ASSERT_GT(mServer, 0);
-        mOut = "/tmp/qmed-svc-out-" + std::to_string(getpid());
-        mErr = "/tmp/qmed-svc-err-" + std::to_string(getpid());
     }
     void TearDown() override {
         kill(mServer, SIGKILL);
         waitpid(mServer, nullptr, 0);
-        unlink(mOut.c_str());
-        unlink(mErr.c_str());
     }
     ToolRun run(const std::string& args) {
-        const std::string cmd = mTool + " " + args + " >" + mOut + " 2>" + mErr;
-        const int st = system(cmd.c_str());
-        return ToolRun{WIFEXITED(st) ? WEXITSTATUS(st) : -1, slurp(mOut), slurp(mErr)};
+        std::vector<std::string> argv;
+        std::istringstream in(args);
+        std::string word;
+        while (in >> word) argv.push_back(word);
+        qmedtest::ToolResult r = qmedtest::runTool("service", argv);
+        return ToolRun{r.exitCode, r.out, r.err};
     }
-    std::string mTool, mOut, mErr;
     pid_t mServer = -1;
 };
 
