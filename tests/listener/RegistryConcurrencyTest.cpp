@@ -69,9 +69,9 @@ TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
     // Every plain event reached the steady listener; binder calls from non-system callers
     // to unfrozen targets did not.
     EXPECT_EQ(static_cast<size_t>(kEvents), steady->kstateCount());
+    EXPECT_EQ(1u, registry->listenerCount());
     std::lock_guard<std::mutex> lock(steady->mLock);
     EXPECT_EQ(static_cast<size_t>(kEvents), steady->released.size());
-    EXPECT_EQ(1u, registry->listenerCount());
 }
 
 }  // namespace
