@@ -65,9 +65,12 @@ for t in $targets; do
     [ "$runs" != 0 ] && args+=(-runs="$runs")
     [ -f "$root/fuzz/dict/$t.dict" ] && args+=(-dict="$root/fuzz/dict/$t.dict")
     echo "==== $t"
+    # A temporary directory per run: libFuzzer names its own after the pid, which is 1 in
+    # every pid namespace. tmpfs when there is one: the proc target writes files all the time.
+    scratch=$(mktemp -d /dev/shm/qmed-fuzz-"$t".XXXXXX 2>/dev/null || mktemp -d)
     rc=0
     # shellcheck disable=SC2086
-    "${sandbox[@]}" nice -n 10 "$build/bin/${t}_fuzzer" "${args[@]}" ${QMED_FUZZ_ARGS:-} \
+    TMPDIR=$scratch "${sandbox[@]}" nice -n 10 "$build/bin/${t}_fuzzer" "${args[@]}" ${QMED_FUZZ_ARGS:-} \
         "$corpus" >"$build/$t.log" 2>&1 || rc=$?
     grep -E "^(#[0-9]+ +(INITED|DONE)|stat::(number_of_executed_units|average_exec_per_sec)|==[0-9]+==ERROR|SUMMARY)" \
         "$build/$t.log" || true
@@ -76,8 +79,9 @@ for t in $targets; do
         status=1
     fi
     if [ "$merge" = 1 ]; then
-        "${sandbox[@]}" "$build/bin/${t}_fuzzer" -merge=1 -max_len=16384 \
+        TMPDIR=$scratch "${sandbox[@]}" "$build/bin/${t}_fuzzer" -merge=1 -max_len=16384 \
             "$root/fuzz/corpus/$t" "$corpus" >/dev/null 2>&1
     fi
+    rm -rf "$scratch"
 done
 exit $status
