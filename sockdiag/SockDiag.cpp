@@ -39,6 +39,11 @@ class Stopwatch {
     std::chrono::steady_clock::time_point mStart;
 };
 
+// The code comes from the peer: INT_MIN must not be negated as an int.
+const char* errorText(int ret) {
+    return strerror(static_cast<int>(-static_cast<int64_t>(ret)));
+}
+
 const char* familyName(uint8_t family) {
     return family == AF_INET ? "IPv4" : "IPv6";
 }
@@ -279,12 +284,12 @@ int SockDiag::destroySocketsUid(int uid, bool excludeLoopback) {
         iovec iov[1];
         int ret = sendDumpRequest(IPPROTO_TCP, family, 0, kDestroyStates, iov, 1);
         if (ret != 0) {
-            ALOGE("Failed to dump %s sockets for UID: %s", familyName(family), strerror(-ret));
+            ALOGE("Failed to dump %s sockets for UID: %s", familyName(family), errorText(ret));
             return ret;
         }
         ret = readDiagMsg(IPPROTO_TCP, shouldDestroy);
         if (ret != 0) {
-            ALOGE("Failed to destroy %s sockets for UID: %s", familyName(family), strerror(-ret));
+            ALOGE("Failed to destroy %s sockets for UID: %s", familyName(family), errorText(ret));
             return ret;
         }
     }
@@ -319,13 +324,13 @@ int SockDiag::destroyLiveSocketsByPid(
     for (uint8_t family : {AF_INET, AF_INET6}) {
         int ret = sendDumpRequest(IPPROTO_TCP, family, 0, kDestroyStates, iov, iovcnt);
         if (ret != 0) {
-            ALOGE("Failed to dump %s sockets for %s: %s", familyName(family), what, strerror(-ret));
+            ALOGE("Failed to dump %s sockets for %s: %s", familyName(family), what, errorText(ret));
             return ret;
         }
         ret = readDiagMsgWithPid(IPPROTO_TCP, shouldDestroy);
         if (ret != 0) {
             ALOGE("Failed to destroy %s sockets for %s: %s", familyName(family), what,
-                  strerror(-ret));
+                  errorText(ret));
             return ret;
         }
     }

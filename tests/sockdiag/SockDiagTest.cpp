@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <host/LogCapture.h>
+#include <limits.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
@@ -338,6 +339,9 @@ TEST(SockDiag, DumpErrorsEndTheOperationWithTheirCode) {
                   1u);
         dump.send(errorMsg(-EPERM));
         EXPECT_EQ(sd.destroySocketsPid(kUid, 5, true), -EPERM);
+        // Whatever code the peer sends comes back as it is, the most negative one included.
+        dump.send(errorMsg(INT_MIN));
+        EXPECT_EQ(sd.destroySocketsPid(kUid, 5, true), INT_MIN);
         EXPECT_EQ(log.count("Qmed: Failed to dump IPv4 sockets for PID: Operation not permitted"),
                   1u);
     }
