@@ -13,6 +13,7 @@
 #include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzLog.h"
 #include "fuzz/FuzzScratch.h"
+#include "limiter/ProcessLimiter.h"
 #include "listener/IQmedBinderListenerService.h"
 #include "proc/ParseProcInfo.h"
 
@@ -27,6 +28,7 @@ constexpr size_t kFileCount = sizeof(kFiles) / sizeof(kFiles[0]);
 const uid_t kOwners[] = {0, 1000, 10000, 2000};
 
 std::string sRoot;
+android::sp<ProcessLimiter> sLimiter;
 
 std::string nodePath(size_t dir, size_t file) {
     return sRoot + "/" + kDirs[dir] + "/" + kFiles[file];
@@ -54,6 +56,7 @@ void writeNode(size_t dir, size_t file, const std::vector<uint8_t>& content) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzzSilenceLog();
     makeTree();
+    sLimiter = new ProcessLimiter(sRoot.c_str());
     return 0;
 }
 
@@ -109,6 +112,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     parser->getPidByNameAndUid(name.c_str(), uid, &found);
     parser->matchNameAndUidByPid(name.c_str(), -1, pid);
     getPidByName(name.c_str(), sRoot.c_str());
+
+    // The limiter reads the same nodes with parsers of its own.
+    process info;
+    sLimiter->readProcessInfo(pid, &info);
+    sLimiter->getPpidOf(pid);
+    sLimiter->isPidEqualTgid(pid);
+    char package[PACKAGE_NAME_SIZE];
+    if (sLimiter->getProcName(pid, package) == 0 &&
+        memchr(package, '\0', sizeof(package)) == nullptr) {
+        abort();
+    }
+    processFilter filter = {(owners & 1) != 0 ? 0 : pid, (owners & 2) != 0};
+    processIterator it;
+    if (sLimiter->initProcessIterator(&it, &filter) == 0) {
+        // The tree holds five entries: a walk that yields more is looping.
+        int yielded = 0;
+        while (sLimiter->getNextProcess(&it, &info) == 0) {
+            if (++yielded > 5) abort();
+        }
+        sLimiter->closeProcessIterator(&it);
+    }
     bDebug = false;
     return 0;
 }

@@ -113,6 +113,7 @@ class NullListener : public android::BnInterface<IQmedBinderListener> {
 
 sp<SandboxedService> sService;
 sp<IQmedBinderListener> sListener;
+int sDumpFd = -1;
 
 const uint32_t kSpecialCodes[] = {IBinder::INTERFACE_TRANSACTION, IBinder::DUMP_TRANSACTION,
                                   IBinder::PING_TRANSACTION, IBinder::FIRST_CALL_TRANSACTION + 99};
@@ -134,6 +135,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     mkdir((sScratch + "/dir").c_str(), 0700);
     sService = new SandboxedService((sScratch + "/watchdog").c_str());
     sListener = new NullListener();
+    sDumpFd = open("/dev/null", O_WRONLY | O_CLOEXEC);
     return 0;
 }
 
@@ -153,6 +155,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Parcel request;
     if ((flags & 1) != 0) request.writeInterfaceToken(IQmedBinderService::descriptor);
     if ((flags & 2) != 0) request.writeStrongBinder(android::IInterface::asBinder(sListener));
+    // The dump transaction starts with a descriptor.
+    if ((flags & 16) != 0) request.writeFileDescriptor(sDumpFd);
     std::vector<uint8_t> rest = in.rest();
     if (!rest.empty()) request.write(rest.data(), rest.size());
     request.setDataPosition(0);

@@ -257,6 +257,8 @@ def service_seeds():
         "no_token": svc(3, 1, 0, i32(1) + i32(1) + i32(5)),
         "interface": svc(24, 1, 0),
         "dump": svc(25, 2, 0, i32(0) + s16("debug")),
+        "dump_fd": svc(25, 0, 16, i32(2) + s16("-a") + s16("x")),
+        "register_dump": svc(1, 1, T | L, i32(0x20000001)),
         "ping": svc(26, 3, 0),
         "unknown": svc(200, 1, T, raw_code=0x00ffffff),
         "debug_on": svc(9, 0, T | 4, i32(1) + i32(200) + bytes(800)),
