@@ -30,9 +30,9 @@ bool waitFor(Pred pred, int timeoutMs = 5000) {
 inline std::vector<uint8_t> tlvMessage(int tag, int src, int dst, int len,
                                        const std::vector<uint8_t>& payload = {}) {
     TLV_HEADER h = {tag, src, dst, len};
-    std::vector<uint8_t> m(sizeof(h));
+    std::vector<uint8_t> m(sizeof(h) + payload.size());
     memcpy(m.data(), &h, sizeof(h));
-    m.insert(m.end(), payload.begin(), payload.end());
+    if (!payload.empty()) memcpy(m.data() + sizeof(h), payload.data(), payload.size());
     return m;
 }
 
