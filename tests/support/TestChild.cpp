@@ -59,11 +59,6 @@ TestChild TestChild::spawn(Kind kind, const std::string& name, uid_t uid,
     TestChild t;
     t.mPid = pid;
     t.mTree.push_back(pid);
-    if (!name.empty() && !argv0.empty()) {
-        // exec resets the name to the program's; set it back from outside.
-        std::string path = "/proc/" + std::to_string(pid) + "/comm";
-        writeFile(path, name);
-    }
     return t;
 }
 

@@ -15,8 +15,8 @@ public:
     // Forks a child that spins (Busy) or sleeps (Sleep). name is set with
     // PR_SET_NAME (15 chars max, may contain blanks or ')'); uid switches the
     // child's uid and gid when not 0; argv0 replaces /proc/PID/cmdline's first
-    // argument when not empty (the child re-execs itself through /proc/self/exe
-    // only when needed, so plain children stay cheap).
+    // argument when not empty: the child then execs yes(1) or sleep(1), whose
+    // name is the program's, so name is only honoured without argv0.
     static TestChild spawn(Kind kind, const std::string& name = "", uid_t uid = 0,
                            const std::string& argv0 = "");
     // Forks a child that forks `children` children of the same kind, each
