@@ -329,6 +329,14 @@ class Simulator {
         if (!command(fd, args, &reply)) return;  // deferred reply
         writeReply(fd, reply);
         close(fd);
+        if (!mStampedEvent.empty()) {
+            // Stamped events leave only after the answer, so the caller is
+            // already waiting and nothing else of ours competes with the delivery.
+            std::vector<unsigned char> msg;
+            std::string ignored;
+            if (makeEvent(mStampedEvent, 1, &msg, &ignored) && deliver(msg)) ++mSent;
+            mStampedEvent.clear();
+        }
     }
 
     static bool toInt(const std::string& s, long* out) {
@@ -398,7 +406,12 @@ class Simulator {
             if (a[1] == "delay") mDelayMs = static_cast<int>(x);
         } else if (cmd == "event") {
             std::vector<unsigned char> msg;
-            if (makeEvent(a, 1, &msg, &error) && needClient()) {
+            bool stamped = false;
+            for (const std::string& word : a)
+                stamped = stamped || word.find("@now") != std::string::npos;
+            if (makeEvent(a, 1, &msg, &error) && needClient() && stamped) {
+                mStampedEvent = a;
+            } else if (error.empty()) {
                 if (deliver(msg))
                     ++mSent;
                 else
@@ -475,6 +488,7 @@ class Simulator {
     bool mQuit = false;
     std::vector<std::string> mReceived;
     std::vector<Waiter> mWaiters;
+    std::vector<std::string> mStampedEvent;  // an event sent after the answer
 };
 
 const char* envOr(const char* name, const char* fallback) {
