@@ -156,6 +156,24 @@ TEST_F(HubDaemon, EventsReachEveryKernelStateListener) {
     EXPECT_EQ(0u, none->countLines("kstate"));
 }
 
+TEST_F(HubDaemon, ModuleNamingItselfTheHubIsNeverRouted) {
+    startAll();
+    auto l = listen("1");
+    // An identification answer with src 1 names the netlink channel after the
+    // hub itself: from then on nothing it sends is routed, and nothing can be
+    // sent to the module either.
+    ASSERT_TRUE(ctl.ok("send 1 1 0"));
+    ASSERT_TRUE(qmedtest::waitUntil(
+            [&] {
+                return daemon->qmedctl({"mask", "1"}).exitCode != 0;
+            },
+            5000));
+    ASSERT_TRUE(ctl.ok("event kind 99 unrouted"));
+    EXPECT_TRUE(daemon->waitForLog("Message is from local server, ignore forwarding"));
+    EXPECT_FALSE(l->waitForLine("unrouted", 300));
+    EXPECT_TRUE(daemon->running());
+}
+
 TEST_F(HubDaemon, BinderCallReportsAreThrottled) {
     TestChild systemServer = TestChild::spawn(TestChild::Kind::Sleep, "system_server");
     TestChild other = TestChild::spawn(TestChild::Kind::Sleep, "hubcaller");
