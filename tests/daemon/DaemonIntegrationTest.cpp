@@ -46,15 +46,23 @@ std::string str(long v) {
     return std::to_string(v);
 }
 
-// Names of the threads of pid other than the main thread.
+// Names of the threads of pid other than the main thread. Under an emulator its own helper
+// thread carries the main thread's name and is left out.
 std::vector<std::string> otherThreads(pid_t pid) {
+    auto comm = [&](const std::string& tid) {
+        std::string c = readFile("/proc/" + str(pid) + "/task/" + tid + "/comm");
+        return c.substr(0, c.find('\n'));
+    };
+    const std::string mainName = comm(str(pid));
+    const bool emulated = !qmedtest::emulatorPrefix().empty();
     std::vector<std::string> names;
     DIR* dir = opendir(("/proc/" + str(pid) + "/task").c_str());
     if (dir == nullptr) return {"?"};
     while (struct dirent* e = readdir(dir)) {
         if (e->d_name[0] == '.' || atoi(e->d_name) == pid) continue;
-        std::string comm = readFile("/proc/" + str(pid) + "/task/" + e->d_name + "/comm");
-        names.push_back(comm.substr(0, comm.find('\n')));
+        std::string name = comm(e->d_name);
+        if (emulated && name == mainName) continue;
+        names.push_back(name);
     }
     closedir(dir);
     return names;
