@@ -94,6 +94,14 @@ TEST_F(ServiceOps, UserTimeOfALiveAndAMissingProcess) {
                               "/stat fail"));
 }
 
+TEST_F(ServiceOps, UserTimeTakesTheNameAsOneToken) {
+    // The name is read as one blank-free token, so the rest of a name with blanks breaks
+    // the scan and the value stays 0 although the process has used CPU time.
+    TestChild busy = TestChild::spawn(TestChild::Kind::Busy, "qmed u t");
+    ASSERT_TRUE(qmedtest::waitUntil([&] { return qmedtest::procUtime(busy.pid()) >= 2; }, 5000));
+    EXPECT_EQ(0, sService->getProcUTime(busy.pid()));
+}
+
 TEST_F(ServiceOps, WatchdogRecordIsWrittenByteForByte) {
     ASSERT_TRUE(writeFile(sWatchdog, ""));
     EXPECT_EQ(0, sService->setPowerWatchdog(1, 10, 20, String8("x")));
