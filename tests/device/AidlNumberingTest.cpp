@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "daemon/IQmedBinderService.h"
+#include "listener/IQmedBinderListener.h"
 #include "tests/device/GeneratedStub.h"
 
 namespace {
@@ -91,6 +93,43 @@ TEST(AidlNumbering, ListenerCodesMatchTheWireTable) {
             {"onDump", {100, {"writeRawFileDescriptor", "writeStringArray"}, kInt}},
     };
     expectMatches(stub, table);
+}
+
+TEST(AidlNumbering, GeneratedCodesAreTheCodesTheDaemonUses) {
+    GeneratedStub service = load("IQmedBinder.java");
+    const std::map<std::string, int> daemon = {
+            {"registerListener", IQmedBinderService::REGISTER_LISTENER},
+            {"unregisterListener", IQmedBinderService::UNREGISTER_LISTENER},
+            {"doFreezer", IQmedBinderService::DO_FREEZER},
+            {"setKstateMask", IQmedBinderService::SET_KSTATE_MASK},
+            {"getKstateSync", IQmedBinderService::GET_KSTATE_SYNC},
+            {"monitorNetPacket", IQmedBinderService::MONITOR_NET_PACKET},
+            {"getProcUTime", IQmedBinderService::GET_PROC_UTIME},
+            {"getProcCpuTime", IQmedBinderService::GET_PROC_CPU_TIME},
+            {"getCmdLineByPid", IQmedBinderService::GET_CMDLINE_BY_PID},
+            {"getPidByNameAndUid", IQmedBinderService::GET_PID_BY_NAME_AND_UID},
+            {"killProcess", IQmedBinderService::KILL_PROCESS},
+            {"setKWakelock", IQmedBinderService::SET_KWAKELOCK},
+            {"destroySockets", IQmedBinderService::DESTROY_SOCKETS},
+            {"setPowerWatchdog", IQmedBinderService::SET_POWER_WATCHDOG},
+            {"writeFileNode", IQmedBinderService::WRITE_FILE_NODE},
+            {"doSpear", IQmedBinderService::DO_SPEAR},
+            {"pauseSpear", IQmedBinderService::PAUSE_SPEAR},
+            {"stopSpear", IQmedBinderService::STOP_SPEAR},
+            {"stopSpearAll", IQmedBinderService::STOP_SPEAR_ALL},
+            {"changeSpearParam", IQmedBinderService::CHANGE_SPEAR_PARAM},
+            {"readFileNode", IQmedBinderService::READ_FILE_NODE},
+    };
+    for (const auto& [name, code] : daemon) EXPECT_EQ(code, service.methods[name].code) << name;
+
+    GeneratedStub listener = load("IQmedBinderListener.java");
+    EXPECT_EQ(int(IQmedBinderListener::ON_KSTATE_CALLBACK),
+              listener.methods["onKstateCallback"].code);
+    EXPECT_EQ(int(IQmedBinderListener::ON_NETWORK_PACKET_CALLBACK),
+              listener.methods["onNetworkPacketCallback"].code);
+    EXPECT_EQ(int(IQmedBinderListener::ON_STOP_PROC_SPEAR_CALLBACK),
+              listener.methods["onStopProcSpearCallback"].code);
+    EXPECT_EQ(int(IQmedBinderListener::DUMP), listener.methods["onDump"].code);
 }
 
 TEST(AidlNumbering, ParserSeesOffsetsBodiesAndGaps) {
