@@ -1,0 +1,350 @@
+// The real ykqmed under load: a kernel event flood with a listener stuck in its callback,
+// and eight clients issuing mixed transactions while the limiter runs. Durations scale
+// with QMED_FAULT_SCALE. Runs through tools/qmed-ns.
+
+#include <binder/IBinder.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utils/String16.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/IQmedBinderService.h"
+#include "tests/fault/FaultTestUtil.h"
+#include "tests/support/DaemonHarness.h"
+#include "tests/support/TestChild.h"
+#include "tests/support/ToolRunner.h"
+
+using android::Parcel;
+using android::sp;
+using android::String16;
+using faulttest::join;
+using qmedtest::BackgroundTool;
+using qmedtest::Daemon;
+using qmedtest::DaemonOptions;
+using qmedtest::TestChild;
+using qmedtest::waitUntil;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+void record(const std::string& name, double value) {
+    printf("FIGURE %s %.1f\n", name.c_str(), value);
+    ::testing::Test::RecordProperty(name, std::to_string(value));
+}
+
+double msSince(Clock::time_point t) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
+}
+
+// Asks the daemon something cheap from the side, every period, and keeps the slowest answer.
+class Prober {
+  public:
+    Prober(const Daemon& daemon, int periodMs) : mDaemon(daemon) {
+        mThread = std::thread([this, periodMs] {
+            while (!mStop) {
+                qmedtest::RunOptions o = mDaemon.clientOptions();
+                o.timeoutMs = 20000;
+                auto t0 = Clock::now();
+                qmedtest::ToolResult r = qmedtest::runTool("qmedctl", {"cmdline", "1"}, o);
+                double ms = msSince(t0);
+                {
+                    std::lock_guard<std::mutex> l(mLock);
+                    mCount++;
+                    if (r.exitCode != 0) mFailures++;
+                    if (ms > mMaxMs) mMaxMs = ms;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
+            }
+        });
+    }
+    ~Prober() { stop(); }
+    void stop() {
+        mStop = true;
+        if (mThread.joinable()) mThread.join();
+    }
+    int count() const { return mCount; }
+    int failures() const { return mFailures; }
+    double maxMs() const { return mMaxMs; }
+
+  private:
+    const Daemon& mDaemon;
+    std::thread mThread;
+    std::atomic<bool> mStop{false};
+    std::mutex mLock;
+    int mCount = 0;
+    int mFailures = 0;
+    double mMaxMs = 0;
+};
+
+class Load : public ::testing::Test {
+  protected:
+    void startDaemon() {
+        ASSERT_EQ(0, access("/dev/frz/cgroup.procs", F_OK)) << "run through qmed-ns";
+        DaemonOptions opts;
+        opts.simulator = true;
+        opts.logLevel = "i";
+        mDaemon.reset(new Daemon(opts));
+        ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
+        ASSERT_EQ(0, mDaemon->kmodsim({"wait-identified", "5000"}).exitCode);
+    }
+    void TearDown() override {
+        if (mDaemon && mDaemon->running()) {
+            mDaemon->qmedctl({"stop-all"});
+            mDaemon->qmedctl({"thaw-all"});
+        }
+        faulttest::thawAll();
+        for (TestChild& c : mChildren) c.kill(SIGKILL);
+    }
+    std::unique_ptr<BackgroundTool> listen(const std::string& mask) {
+        std::unique_ptr<BackgroundTool> l(
+                new BackgroundTool("qmedctl", {"listen", mask}, mDaemon->clientOptions()));
+        EXPECT_TRUE(l->waitForLine("listening mask=")) << l->output();
+        return l;
+    }
+
+    std::vector<TestChild> mChildren;
+    std::unique_ptr<Daemon> mDaemon;
+};
+
+TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
+    startDaemon();
+    auto a = listen("1");
+    auto b = listen("1");
+    auto stuck = listen("1");
+    // A stopped process never returns from its callback and never reads its socket.
+    stuck->kill(SIGSTOP);
+    long rss0 = faulttest::rssKb(mDaemon->pid());
+
+    const double seconds = 10 * faulttest::scale();
+    const int ticks = static_cast<int>(seconds * 10);
+    long sent = 0;
+    int wedged = 0;
+    {
+        Prober prober(*mDaemon, 250);
+        auto start = Clock::now();
+        for (int t = 0; t < ticks; t++) {
+            // 1,000 events every 100 ms; a tick that overruns is not made up.
+            qmedtest::RunOptions o;
+            o.timeoutMs = 5000;
+            qmedtest::ToolResult r = qmedtest::runTool(
+                    "kmodsim",
+                    {"--ctl", mDaemon->simulatorCtl(), "flood", "1000", "kind", "77", "f"}, o);
+            long n = 0;
+            if (r.exitCode == 0 && sscanf(r.out.c_str(), "OK\nsent %ld", &n) == 1) sent += n;
+            if (r.exitCode == 128 + SIGKILL) wedged++;
+            auto next = start + std::chrono::milliseconds(100 * (t + 1));
+            std::this_thread::sleep_until(next);
+        }
+        double floodS = msSince(start) / 1000;
+        prober.stop();
+        record("flood_seconds", floodS);
+        record("flood_events_sent", sent);
+        record("flood_probe_max_ms", prober.maxMs());
+        record("flood_probe_count", prober.count());
+        EXPECT_EQ(0, prober.failures());
+        EXPECT_GT(prober.count(), 0);
+        // Loose: a binder thread answers while the hub is busy or blocked.
+        EXPECT_LT(prober.maxMs(), 5000);
+    }
+    EXPECT_EQ(0, wedged) << "the simulator could not hand events to the daemon";
+    ASSERT_TRUE(mDaemon->running()) << mDaemon->log().substr(0, 4000);
+
+    // The healthy listeners see a marker sent after the flood, so nothing waits on the
+    // stuck one forever.
+    qmedtest::RunOptions o;
+    o.timeoutMs = 5000;
+    qmedtest::ToolResult m = qmedtest::runTool(
+            "kmodsim", {"--ctl", mDaemon->simulatorCtl(), "event", "kind", "78", "end"}, o);
+    EXPECT_EQ(0, m.exitCode) << "marker not accepted: " << m.out << m.err;
+    bool aDone = a->waitForLine("text=\"end\"", 30000);
+    bool bDone = b->waitForLine("text=\"end\"", 5000);
+    size_t gotA = a->countLines("kind=77");
+    size_t gotB = b->countLines("kind=77");
+    record("flood_delivered_listener_a", gotA);
+    record("flood_delivered_listener_b", gotB);
+    record("flood_dropped_listener_a", sent - static_cast<long>(gotA));
+    long rss1 = faulttest::rssKb(mDaemon->pid());
+    record("flood_rss_before_kb", rss0);
+    record("flood_rss_after_kb", rss1);
+
+    stuck->kill(SIGCONT);
+    bool stuckDone = stuck->waitForLine("text=\"end\"", 20000);
+    size_t gotStuck = stuck->countLines("kind=77");
+    record("flood_delivered_stuck_listener", gotStuck);
+    record("flood_dropped_stuck_listener", sent - static_cast<long>(gotStuck));
+
+    EXPECT_TRUE(aDone) << "listener a got " << gotA << " of " << sent;
+    EXPECT_TRUE(bDone) << "listener b got " << gotB << " of " << sent;
+    record("flood_stuck_listener_caught_up", stuckDone ? 1 : 0);
+    EXPECT_LT(rss1, rss0 + 64 * 1024);
+    ASSERT_TRUE(mDaemon->running());
+    EXPECT_EQ(0, mDaemon->qmedctl({"cmdline", "1"}).exitCode);
+}
+
+// One client process: its own sleeping child to freeze and thaw and its own busy child to
+// limit, plus queries. Writes "transactions errors" to fd and exits.
+[[noreturn]] void runClient(const std::map<std::string, std::string>& env, pid_t sleeper,
+                            pid_t busy, double seconds, int fd) {
+    for (auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    sp<android::IBinder> service =
+            android::defaultServiceManager()->checkService(String16("Binder.Qmed"));
+    long ok = 0, errors = 0;
+    auto call = [&](uint32_t code, const std::function<void(Parcel&)>& fill) {
+        Parcel data, reply;
+        data.writeInterfaceToken(IQmedBinderService::descriptor);
+        fill(data);
+        if (service != nullptr && service->transact(code, data, &reply, 0) == android::NO_ERROR &&
+            reply.readInt32() == 0) {
+            ok++;
+        } else {
+            errors++;
+        }
+    };
+    auto freezer = [&](int action, pid_t pid) {
+        call(IQmedBinderService::DO_FREEZER, [&](Parcel& p) {
+            p.writeInt32(action);
+            p.writeInt32(2);
+            p.writeInt32(pid);
+            p.writeInt32(-1);
+        });
+    };
+    auto one = [&](uint32_t code, std::vector<int> words) {
+        call(code, [&](Parcel& p) {
+            for (int w : words) p.writeInt32(w);
+        });
+    };
+    auto end = Clock::now() + std::chrono::duration<double>(seconds);
+    for (int round = 0; Clock::now() < end; round++) {
+        freezer(1, sleeper);
+        one(IQmedBinderService::GET_CMDLINE_BY_PID, {busy});
+        one(IQmedBinderService::GET_PROC_UTIME, {busy});
+        one(IQmedBinderService::DO_SPEAR, {busy, 40 + round % 20, 0, 0});
+        freezer(2, sleeper);
+        one(IQmedBinderService::GET_PROC_CPU_TIME, {2, 1, busy});
+        one(IQmedBinderService::CHANGE_SPEAR_PARAM, {busy, 50});
+        one(IQmedBinderService::PAUSE_SPEAR, {busy, 1});
+        call(IQmedBinderService::GET_PID_BY_NAME_AND_UID, [&](Parcel& p) {
+            p.writeString16(String16("init"));
+            p.writeInt32(-1);
+        });
+        if (round % 10 == 9) one(IQmedBinderService::STOP_SPEAR, {busy});
+    }
+    one(IQmedBinderService::STOP_SPEAR, {busy});
+    freezer(2, sleeper);
+    dprintf(fd, "%ld %ld\n", ok, errors);
+    _exit(0);
+}
+
+TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
+    startDaemon();
+    const double seconds = 60 * faulttest::scale();
+    const int kClients = 8;
+    std::vector<pid_t> ours;
+    // Limited for the whole run, so the limiter's loop and its signals never pause.
+    for (int i = 0; i < 2; i++) {
+        mChildren.push_back(TestChild::spawn(TestChild::Kind::Busy));
+        ours.push_back(mChildren.back().pid());
+        qmedtest::ToolResult r = mDaemon->qmedctl({"spear", std::to_string(ours.back()), "30"});
+        ASSERT_NE(std::string::npos, r.out.find("(result 1)")) << r.out << r.err;
+    }
+    std::vector<pid_t> sleepers, busies;
+    for (int i = 0; i < kClients; i++) {
+        mChildren.push_back(TestChild::spawn(TestChild::Kind::Sleep));
+        sleepers.push_back(mChildren.back().pid());
+        mChildren.push_back(TestChild::spawn(TestChild::Kind::Busy));
+        busies.push_back(mChildren.back().pid());
+    }
+    ours.insert(ours.end(), sleepers.begin(), sleepers.end());
+    ours.insert(ours.end(), busies.begin(), busies.end());
+    long rss0 = faulttest::rssKb(mDaemon->pid());
+
+    int pipeFd[2];
+    ASSERT_EQ(0, pipe(pipeFd));
+    std::vector<pid_t> clients;
+    auto start = Clock::now();
+    for (int i = 0; i < kClients; i++) {
+        pid_t c = fork();
+        ASSERT_GE(c, 0);
+        if (c == 0) {
+            close(pipeFd[0]);
+            runClient(mDaemon->clientEnv(), sleepers[i], busies[i], seconds, pipeFd[1]);
+        }
+        clients.push_back(c);
+    }
+    close(pipeFd[1]);
+
+    double probeMax = 0;
+    int probeFailures = 0;
+    {
+        Prober prober(*mDaemon, 1000);
+        // Watchdog: a client that never finishes means a transaction never came back.
+        size_t done = 0;
+        auto deadline = start + std::chrono::duration<double>(seconds + 30);
+        while (done < clients.size() && Clock::now() < deadline) {
+            for (pid_t& c : clients) {
+                if (c > 0 && waitpid(c, nullptr, WNOHANG) == c) {
+                    c = -1;
+                    done++;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        prober.stop();
+        probeMax = prober.maxMs();
+        probeFailures = prober.failures();
+        for (pid_t c : clients) {
+            if (c > 0) {
+                kill(c, SIGKILL);
+                waitpid(c, nullptr, 0);
+            }
+        }
+        EXPECT_EQ(clients.size(), done) << "clients still waiting on the daemon";
+    }
+    double elapsed = msSince(start) / 1000;
+
+    long ok = 0, errors = 0;
+    FILE* in = fdopen(pipeFd[0], "r");
+    long a, b;
+    int reports = 0;
+    while (in != nullptr && fscanf(in, "%ld %ld", &a, &b) == 2) {
+        ok += a;
+        errors += b;
+        reports++;
+    }
+    if (in != nullptr) fclose(in);
+    EXPECT_EQ(kClients, reports);
+    record("load_seconds", elapsed);
+    record("load_transactions", ok);
+    record("load_transactions_per_second", ok / seconds);
+    record("load_errors", errors);
+    record("load_probe_max_ms", probeMax);
+    EXPECT_GT(ok, 0);
+    // Refusals are answers; only transport failures count here.
+    EXPECT_EQ(0, errors);
+    EXPECT_EQ(0, probeFailures);
+    ASSERT_TRUE(mDaemon->running()) << mDaemon->log().substr(0, 4000);
+
+    mDaemon->qmedctl({"stop-all"});
+    EXPECT_EQ("", join(faulttest::heldDuring(ours, 1500)));
+    long rss1 = faulttest::rssKb(mDaemon->pid());
+    record("load_rss_before_kb", rss0);
+    record("load_rss_after_kb", rss1);
+    EXPECT_LT(rss1, rss0 + 64 * 1024);
+}
+
+}  // namespace
