@@ -1,0 +1,284 @@
+// Batch freeze and thaw of N real processes (default 200) through the daemon's binder
+// service, against the bare cgroup writes on pre-created groups and against a naive freezer
+// that makes a directory per freeze; plus the time until every group reads FROZEN.
+// Run through qmed-ns:  build/bin/qmed-ns build/bin/bench_freezer [N] [ROUNDS] [--busy]
+
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "daemon/IQmedBinderService.h"
+#include "freezer/Freezer.h"
+#include "tests/support/DaemonHarness.h"
+#include "tests/support/TestChild.h"
+#include "tests/support/ToolRunner.h"
+
+using android::defaultServiceManager;
+using android::IBinder;
+using android::Parcel;
+using android::ProcessState;
+using android::sp;
+using android::String16;
+using android::String8;
+using qmedtest::TestChild;
+
+namespace {
+
+const std::string kFrz = "/dev/frz";
+
+double nowMs() {
+    return std::chrono::duration<double, std::milli>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+}
+
+bool put(const std::string& path, const std::string& text) {
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = write(fd, text.data(), text.size()) == (ssize_t)text.size();
+    close(fd);
+    return ok;
+}
+
+std::string state(const std::string& group) {
+    char buf[32] = {0};
+    int fd = open((group + "/freezer.state").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return "";
+    ssize_t n = read(fd, buf, sizeof(buf) - 1);
+    close(fd);
+    std::string s(buf, n > 0 ? n : 0);
+    while (!s.empty() && s.back() == '\n') s.pop_back();
+    return s;
+}
+
+// The freezer group of pid under /dev/frz, from /proc/PID/cgroup. /dev/frz may be a child
+// group of the hierarchy, so leading components are dropped until the path exists under it.
+std::string groupOf(pid_t pid) {
+    std::string text = qmedtest::readFile("/proc/" + std::to_string(pid) + "/cgroup");
+    size_t at = text.find(":freezer:");
+    if (at == std::string::npos) return "";
+    size_t end = text.find('\n', at);
+    std::string path = text.substr(at + 9, end - at - 9);
+    struct stat st;
+    while (!path.empty()) {
+        if (stat((kFrz + path + "/freezer.state").c_str(), &st) == 0) return kFrz + path;
+        size_t next = path.find('/', 1);
+        if (next == std::string::npos) break;
+        path = path.substr(next);
+    }
+    return "";
+}
+
+// Milliseconds from `start` until every pid's group reads FROZEN; -1 after 10 s.
+double untilAllFrozen(const std::vector<int>& pids, double start) {
+    std::vector<std::string> groups;
+    for (int p : pids) groups.push_back(groupOf(p));
+    for (;;) {
+        bool all = true;
+        for (const auto& g : groups) {
+            if (state(g) != "FROZEN") {
+                all = false;
+                break;
+            }
+        }
+        if (all) return nowMs() - start;
+        if (nowMs() - start > 10000) return -1;
+        usleep(200);
+    }
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
+}
+
+struct Result {
+    std::vector<double> freezeThaw;  // request time of the freeze plus that of the thaw
+    std::vector<double> toFrozen;    // from the freeze request until all read FROZEN
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int n = 200, rounds = 5;
+    bool busy = false;
+    std::vector<int> numbers;
+    for (int i = 1; i < argc; i++) {
+        if (strcmp(argv[i], "--busy") == 0) {
+            busy = true;
+        } else {
+            numbers.push_back(atoi(argv[i]));
+        }
+    }
+    if (numbers.size() > 0 && numbers[0] > 0) n = numbers[0];
+    if (numbers.size() > 1 && numbers[1] > 0) rounds = numbers[1];
+    if (access((kFrz + "/cgroup.procs").c_str(), F_OK) != 0) {
+        fprintf(stderr, "bench_freezer: no freezer at %s; run through qmed-ns\n", kFrz.c_str());
+        return 1;
+    }
+
+    std::vector<TestChild> children;
+    std::vector<int> pids;
+    for (int i = 0; i < n; i++) {
+        children.push_back(TestChild::spawn(busy ? TestChild::Kind::Busy : TestChild::Kind::Sleep));
+        pids.push_back(children.back().pid());
+    }
+
+    qmedtest::DaemonOptions opts;
+    opts.simulator = true;
+    opts.logLevel = "w";
+    qmedtest::Daemon daemon(opts);
+    if (!daemon.start()) {
+        fprintf(stderr, "bench_freezer: daemon did not start:\n%s\n", daemon.log().c_str());
+        return 1;
+    }
+    daemon.kmodsim({"wait-identified", "5000"});
+    for (auto& kv : daemon.clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    ProcessState::self()->startThreadPool();
+    sp<IBinder> service = defaultServiceManager()->getService(String16("Binder.Qmed"));
+    if (service == nullptr) {
+        fprintf(stderr, "bench_freezer: no Binder.Qmed\n");
+        return 1;
+    }
+
+    auto doFreezer = [&](int action, const std::vector<int>& list) {
+        Parcel data, reply;
+        data.writeInterfaceToken(IQmedBinderService::descriptor);
+        data.writeInt32(action);
+        data.writeInt32((int32_t)list.size());
+        for (int p : list) data.writeInt32(p);
+        if (service->transact(IQmedBinderService::DO_FREEZER, data, &reply) != android::NO_ERROR)
+            return -1;
+        if (reply.readInt32() != 0) return -1;
+        return (int)reply.readInt32();
+    };
+    // A batch holds at most 200 entries including the -1 terminator.
+    const int batch = IQmedBinderService::kMaxListNum - 1;
+    auto binderFreeze = [&] {
+        for (int from = 0; from < n; from += batch) {
+            std::vector<int> list(pids.begin() + from, pids.begin() + std::min(n, from + batch));
+            list.push_back(-1);
+            if (doFreezer(1, list) != 0) return false;
+        }
+        return true;
+    };
+    auto binderThaw = [&] {
+        for (int from = 0; from < n; from += IQmedBinderService::kMaxListNum) {
+            std::vector<int> list(
+                    pids.begin() + from,
+                    pids.begin() + std::min(n, from + IQmedBinderService::kMaxListNum));
+            if (doFreezer(2, list) != 0) return false;
+        }
+        return true;
+    };
+
+    // Pre-created groups for the bare writes; a scratch folder for the naive freezer.
+    std::string base = kFrz + "/qmedbench-" + std::to_string(getpid());
+    mkdir(base.c_str(), 0755);
+    std::vector<std::string> raw;
+    for (int i = 0; i < n; i++) {
+        raw.push_back(base + "/r" + std::to_string(i));
+        mkdir(raw.back().c_str(), 0774);
+    }
+    const std::string rootProcs = kFrz + "/cgroup.procs";
+    auto rawFreeze = [&](const std::vector<std::string>& groups) {
+        for (int i = 0; i < n; i++) {
+            put(groups[i] + "/cgroup.procs", std::to_string(pids[i]));
+            put(groups[i] + "/freezer.state", "FROZEN");
+        }
+    };
+    auto rawThaw = [&](const std::vector<std::string>& groups) {
+        for (int i = 0; i < n; i++) {
+            put(groups[i] + "/freezer.state", "THAWED");
+            put(rootProcs, std::to_string(pids[i]));
+        }
+    };
+    std::vector<std::string> naive;
+    for (int i = 0; i < n; i++) naive.push_back(base + "/n" + std::to_string(i));
+
+    // The daemon's engine in this process, on a private subtree, without binder.
+    std::string engineRoot = base + "/engine";
+    mkdir(engineRoot.c_str(), 0755);
+    sp<Freezer> engine = new Freezer(String8(engineRoot.c_str()));
+
+    Result viaBinder, bare, naiveDir, inProcess;
+    bool ok = true;
+    for (int r = 0; r < rounds && ok; r++) {
+        double t0 = nowMs();
+        ok = binderFreeze();
+        double t1 = nowMs();
+        viaBinder.toFrozen.push_back(untilAllFrozen(pids, t0));
+        double t2 = nowMs();
+        ok = ok && binderThaw();
+        viaBinder.freezeThaw.push_back((t1 - t0) + (nowMs() - t2));
+
+        t0 = nowMs();
+        rawFreeze(raw);
+        t1 = nowMs();
+        bare.toFrozen.push_back(untilAllFrozen(pids, t0));
+        t2 = nowMs();
+        rawThaw(raw);
+        bare.freezeThaw.push_back((t1 - t0) + (nowMs() - t2));
+
+        t0 = nowMs();
+        for (const auto& g : naive) mkdir(g.c_str(), 0774);
+        rawFreeze(naive);
+        t1 = nowMs();
+        naiveDir.toFrozen.push_back(untilAllFrozen(pids, t0));
+        t2 = nowMs();
+        rawThaw(naive);
+        for (const auto& g : naive) rmdir(g.c_str());
+        naiveDir.freezeThaw.push_back((t1 - t0) + (nowMs() - t2));
+
+        if (engine->isFrzInited()) {
+            std::vector<int> list = pids;
+            list.push_back(-1);
+            t0 = nowMs();
+            engine->freezeProcess(1, list.data(), (int)list.size());
+            t1 = nowMs();
+            inProcess.toFrozen.push_back(untilAllFrozen(pids, t0));
+            t2 = nowMs();
+            engine->freezeProcess(2, pids.data(), n);
+            inProcess.freezeThaw.push_back((t1 - t0) + (nowMs() - t2));
+        }
+    }
+    engine->thawAll(false);
+    engine.clear();
+    daemon.qmedctl({"thaw-all"});
+    rawThaw(raw);
+    for (const auto& g : raw) rmdir(g.c_str());
+    for (const auto& g : naive) rmdir(g.c_str());
+    rmdir(engineRoot.c_str());
+    rmdir(base.c_str());
+    if (!ok) {
+        fprintf(stderr, "bench_freezer: a binder freeze or thaw failed\n%s\n",
+                daemon.log().c_str());
+        return 1;
+    }
+
+    double b = median(viaBinder.freezeThaw), w = median(bare.freezeThaw),
+           d = median(naiveDir.freezeThaw), e = median(inProcess.freezeThaw);
+    printf("freezer: %d %s processes, %d rounds, medians\n", n, busy ? "busy" : "sleeping", rounds);
+    printf("  freeze+thaw through binder       %8.2f ms\n", b);
+    printf("  freeze+thaw in-process Freezer   %8.2f ms\n", e);
+    printf("  bare cgroup writes (pre-created) %8.2f ms\n", w);
+    printf("  naive (directory per freeze)     %8.2f ms\n", d);
+    printf("  ratio binder / bare writes       %8.2f  (target <= 1.5)\n", w > 0 ? b / w : 0);
+    printf("  ratio binder / naive             %8.2f  (target < 1)\n", d > 0 ? b / d : 0);
+    printf("  request to all FROZEN: binder %.2f ms, in-process %.2f ms, bare %.2f ms, naive "
+           "%.2f ms\n",
+           median(viaBinder.toFrozen), median(inProcess.toFrozen), median(bare.toFrozen),
+           median(naiveDir.toFrozen));
+    return 0;
+}
