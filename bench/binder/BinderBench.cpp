@@ -105,11 +105,15 @@ pid_t forkBinderServer(const char* name) {
 struct Stats {
     double median;
     double p99;
+    double mean;
 };
 
 Stats stats(std::vector<double> v) {
     std::sort(v.begin(), v.end());
-    return Stats{v[v.size() / 2], v[std::min(v.size() - 1, v.size() * 99 / 100)]};
+    double sum = 0;
+    for (double x : v) sum += x;
+    return Stats{v[v.size() / 2], v[std::min(v.size() - 1, v.size() * 99 / 100)],
+                 sum / double(v.size())};
 }
 
 std::vector<double> rawLatencies(int fd, int iterations) {
@@ -245,6 +249,8 @@ int main(int argc, char** argv) {
     printf("  median: binder %.1f us, raw %.1f us, ratio %.2f (target <= 2.00)\n", bs.median,
            rs.median, bs.median / rs.median);
     printf("  p99:    binder %.1f us, raw %.1f us, ratio %.2f\n", bs.p99, rs.p99, bs.p99 / rs.p99);
+    printf("  mean:   binder %.1f us, raw %.1f us, ratio %.2f\n", bs.mean, rs.mean,
+           bs.mean / rs.mean);
 
     printf("throughput, %d calls per client thread, median of 3 alternating rounds\n",
            iterations / 2);
