@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -133,28 +134,29 @@ TEST_F(CGroupTest, UsedFlagStartsClear) {
     EXPECT_TRUE(g->isUsed());
 }
 
-// Runs in a freshly executed process (the mounted flag is process-wide and never reset).
-// Exits with a bit set for each operation that did not fail or touched the directory.
-void probeUnmounted() {
+// The mounted flag is process-wide and never reset: the body runs in a fresh process of this
+// binary (through the emulator prefix when there is one).
+TEST(CGroupUnmounted, EveryOperationFailsWithoutTouchingTheFileSystem) {
+    if (getenv("QMED_FRZ_FRESH_PROCESS") == nullptr) {
+        qmedtest::RunOptions o;
+        o.env["QMED_FRZ_FRESH_PROCESS"] = "1";
+        auto r = qmedtest::runTool("freezer_test", {"--gtest_filter=CGroupUnmounted.*"}, o);
+        EXPECT_EQ(0, r.exitCode) << r.out << r.err;
+        EXPECT_NE(std::string::npos, r.out.find("[  PASSED  ] 1 test.")) << r.out;
+        return;
+    }
     char tmpl[] = "/tmp/qmedfrz.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) _exit(64);
-    int bad = 0;
+    ASSERT_NE(nullptr, mkdtemp(tmpl));
     qmed::host::LogCapture log;
     String8 root(tmpl);
-    if (CGroup::initCGroup(root)) bad |= 1;
+    EXPECT_FALSE(CGroup::initCGroup(root));
     sp<CGroup> g = new CGroup(String8("Group_0000000001"), root);
-    if (g->createCGroup()) bad |= 2;
-    if (g->attachPid(getpid())) bad |= 4;
-    if (g->detachPid(getpid())) bad |= 8;
-    if (g->setCGroup(String8("freezer.state"), String8("FROZEN"))) bad |= 16;
-    if (rmdir(tmpl) != 0) bad |= 32;
-    if (log.count("W/Qmed-CGroup: freezer group is not mounted") != 5) bad |= 64;
-    _exit(bad);
-}
-
-TEST(CGroupUnmounted, EveryOperationFailsWithoutTouchingTheFileSystem) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(probeUnmounted(), ::testing::ExitedWithCode(0), "");
+    EXPECT_FALSE(g->createCGroup());
+    EXPECT_FALSE(g->attachPid(getpid()));
+    EXPECT_FALSE(g->detachPid(getpid()));
+    EXPECT_FALSE(g->setCGroup(String8("freezer.state"), String8("FROZEN")));
+    EXPECT_EQ(0, rmdir(tmpl)) << "something was created";
+    EXPECT_EQ(5u, log.count("W/Qmed-CGroup: freezer group is not mounted"));
 }
 
 }  // namespace
