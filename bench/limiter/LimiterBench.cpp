@@ -1,7 +1,8 @@
 // Throttling accuracy and overhead of the limiter, measured in one run against
 // cpulimit (same target, same busy workload) and the kernel's cgroup-v1 CPU
 // bandwidth control as the physical reference. Needs root. Takes about 11
-// minutes with the defaults; `limiter_bench SECONDS` shortens the accuracy runs.
+// minutes with the defaults; `limiter_bench SECONDS [accuracy|overhead]` shortens the
+// accuracy runs or picks one part.
 
 #include <android/log.h>
 #include <errno.h>
@@ -130,6 +131,12 @@ bool writeText(const std::string& path, const std::string& text) {
     return fclose(f) == 0 && ok;
 }
 
+// Exposes the cycle count so the cycle length can be reported.
+class BenchLimiter : public ProcessLimiter {
+  public:
+    int cycles() const { return mCycle; }
+};
+
 int ncpu() {
     return static_cast<int>(sysconf(_SC_NPROCESSORS_CONF));
 }
@@ -223,7 +230,7 @@ void accuracy(int seconds) {
 }
 
 double limiterOverhead(int groups, int seconds) {
-    android::sp<ProcessLimiter> pl = ProcessLimiter::getInstance();
+    android::sp<BenchLimiter> pl = new BenchLimiter();
     std::vector<pid_t> children;
     for (int i = 0; i < groups; i++) {
         children.push_back(spawn(true));
@@ -231,10 +238,16 @@ double limiterOverhead(int groups, int seconds) {
     }
     std::this_thread::sleep_for(std::chrono::seconds(5));
     double c0 = selfCpuSeconds();
+    int cycles0 = pl->cycles();
     auto t0 = Clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    double perSecond =
-            (selfCpuSeconds() - c0) / std::chrono::duration<double>(Clock::now() - t0).count();
+    double wall = std::chrono::duration<double>(Clock::now() - t0).count();
+    double perSecond = (selfCpuSeconds() - c0) / wall;
+    int cycles = pl->cycles() - cycles0;
+    // Stop-phase sleeps subtract only the previous sleep, so many groups stretch the cycle.
+    printf("  (%d groups: %d cycles in %.1f s, %.2f s per cycle, %.6f CPU s per group-cycle)\n",
+           groups, cycles, wall, cycles > 0 ? wall / cycles : wall,
+           cycles > 0 ? perSecond * wall / cycles / groups : 0.0);
     pl->quitLimitAll();
     for (pid_t c : children) reap(c);
     return perSecond;
@@ -279,7 +292,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "limiter_bench needs root (signals, cgroups)\n");
         return 1;
     }
-    accuracy(seconds);
-    overhead(20);
+    std::string only = argc > 2 ? argv[2] : "";
+    if (only != "overhead") accuracy(seconds);
+    if (only != "accuracy") overhead(20);
     return 0;
 }
