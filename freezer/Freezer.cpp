@@ -317,6 +317,8 @@ int Freezer::getTgid(int tid) {
         if (bDebug) ALOGD("getTgid err, tid: %d because %s", tid, strerror(errno));
         return -1;
     }
+    char buffer[2048];
+    setvbuf(fp, buffer, _IOFBF, sizeof(buffer));
     int tgid = -1;
     char line[1024];
     while (fgets(line, sizeof(line), fp) != nullptr) {
