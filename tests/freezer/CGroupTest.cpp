@@ -127,13 +127,6 @@ TEST_F(CGroupTest, WriteFileFailsOnMissingPath) {
     EXPECT_FALSE(g->writeFile(path, value));
 }
 
-TEST_F(CGroupTest, UsedFlagStartsClear) {
-    sp<CGroup> g = make("g1");
-    EXPECT_FALSE(g->isUsed());
-    g->setUsed(true);
-    EXPECT_TRUE(g->isUsed());
-}
-
 // The mounted flag is process-wide and never reset: the body runs in a fresh process of this
 // binary (through the emulator prefix when there is one).
 TEST(CGroupUnmounted, EveryOperationFailsWithoutTouchingTheFileSystem) {
