@@ -47,6 +47,10 @@ void record(const std::string& name, double value) {
     ::testing::Test::RecordProperty(name, std::to_string(value));
 }
 
+Clock::time_point after(Clock::time_point t, double seconds) {
+    return t + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
 double msSince(Clock::time_point t) {
     return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
 }
@@ -117,6 +121,24 @@ class Load : public ::testing::Test {
         return l;
     }
 
+    // 1,000 events every 100 ms until deadline. The simulator answers a flood once the daemon
+    // took all of it, so a tick that overruns is not made up.
+    void floodUntil(Clock::time_point deadline, double seconds, std::atomic<long>* sent,
+                    std::atomic<int>* commands) const {
+        const auto start = Clock::now();
+        for (int t = 0; Clock::now() < deadline; t++) {
+            qmedtest::RunOptions o;
+            o.timeoutMs = static_cast<int>(seconds * 1000) + 30000;
+            qmedtest::ToolResult r = qmedtest::runTool(
+                    "kmodsim",
+                    {"--ctl", mDaemon->simulatorCtl(), "flood", "1000", "kind", "77", "f"}, o);
+            long n = 0;
+            if (r.exitCode == 0 && sscanf(r.out.c_str(), "sent %ld", &n) == 1) *sent += n;
+            (*commands)++;
+            std::this_thread::sleep_until(start + std::chrono::milliseconds(100 * (t + 1)));
+        }
+    }
+
     std::vector<TestChild> mChildren;
     std::unique_ptr<Daemon> mDaemon;
 };
@@ -126,31 +148,24 @@ class Load : public ::testing::Test {
 // threads must keep serving meanwhile, and the hub must go on once the peer is gone.
 TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     startDaemon();
+    const double seconds = 10 * faulttest::scale();
+    // Baseline: the same offered load with nobody listening.
+    std::atomic<long> unheard{0};
+    std::atomic<int> commands{0};
+    auto t0 = Clock::now();
+    floodUntil(after(t0, seconds * 0.2), seconds, &unheard, &commands);
+    record("flood_events_per_second_no_listener", unheard / (msSince(t0) / 1000));
+
     auto a = listen("1");
     auto b = listen("1");
     auto stuck = listen("1");
     long rss0 = faulttest::rssKb(mDaemon->pid());
 
-    const double seconds = 10 * faulttest::scale();
     const auto start = Clock::now();
-    const auto deadline = start + std::chrono::duration<double>(seconds);
+    const auto deadline = after(start, seconds);
     std::atomic<long> sent{0};
-    std::atomic<int> commands{0};
-    // 1,000 events every 100 ms. The simulator answers a flood once the daemon took all of
-    // it, so a tick that overruns is not made up.
-    std::thread flood([&] {
-        for (int t = 0; Clock::now() < deadline; t++) {
-            qmedtest::RunOptions o;
-            o.timeoutMs = static_cast<int>(seconds * 1000) + 30000;
-            qmedtest::ToolResult r = qmedtest::runTool(
-                    "kmodsim",
-                    {"--ctl", mDaemon->simulatorCtl(), "flood", "1000", "kind", "77", "f"}, o);
-            long n = 0;
-            if (r.exitCode == 0 && sscanf(r.out.c_str(), "sent %ld", &n) == 1) sent += n;
-            commands++;
-            std::this_thread::sleep_until(start + std::chrono::milliseconds(100 * (t + 1)));
-        }
-    });
+    commands = 0;
+    std::thread flood([&] { floodUntil(deadline, seconds, &sent, &commands); });
     Prober prober(*mDaemon, 250);
     // All three keep up for the first 30 %, then one stops inside its callback.
     std::this_thread::sleep_until(start + std::chrono::duration<double>(seconds * 0.3));
