@@ -413,6 +413,28 @@ TEST(PermissionCacheTest, RootAndOwnPidAlwaysOthersFromGrantsFile) {
     unlink(path);
 }
 
+TEST(ProcessStateTest, ForkedServerOfStartedProcessStillGrowsItsPool) {
+    useUniqueBinderNamespace();
+    ProcessState::self()->startThreadPool();
+    const pid_t server = forkTestService("forked.svc");
+    ASSERT_GT(server, 0);
+    sp<IBinder> svc = defaultServiceManager()->checkService(String16("forked.svc"));
+    ASSERT_NE(nullptr, svc);
+    std::vector<int32_t> seen(4, 0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) {
+        threads.emplace_back([&, i] {
+            Parcel data, reply;
+            data.writeInt32(4);
+            if (svc->transact(BARRIER, data, &reply) == NO_ERROR) seen[i] = reply.readInt32();
+        });
+    }
+    for (auto& t : threads) t.join();
+    for (int i = 0; i < 4; i++) EXPECT_EQ(4, seen[i]) << "thread " << i;
+    kill(server, SIGKILL);
+    waitpid(server, nullptr, 0);
+}
+
 TEST(ProcessStateTest, ThreadPoolDefaultsToFifteenAndRecordsStart) {
     EXPECT_EQ(15u, ProcessState::self()->getThreadPoolMaxTotalThreadCount());
     EXPECT_FALSE(ProcessState::self()->isThreadPoolStarted());

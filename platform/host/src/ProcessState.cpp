@@ -39,10 +39,9 @@ sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) {
 
 void ProcessState::startThreadPool() {
     AutoMutex l(mLock);
-    if (!mThreadPoolStarted) {
-        mThreadPoolStarted = true;
-        Transport::get().startPool();
-    }
+    mThreadPoolStarted = true;
+    // Always passed on: a forked child has a fresh transport but inherits this flag.
+    Transport::get().startPool();
 }
 
 void ProcessState::spawnPooledThread(bool /*isMain*/) {

@@ -473,6 +473,11 @@ void Transport::handleListener(Source* s) {
         const int fd = accept4(s->fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR) continue;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                // The pending peer stays queued; do not spin on it while descriptors run out.
+                ALOGE("cannot accept binder connection: %s", strerror(errno));
+                usleep(10 * 1000);
+            }
             break;
         }
         Source* c = new Source{Source::CONNECTION, fd, s->serviceId, 0, 0};
