@@ -61,14 +61,6 @@ class DrivenLimiter : public ProcessLimiter {
         }
         return nullptr;
     }
-    std::vector<long> memberPids(processGroup* g) {
-        std::vector<long> out;
-        for (listNode* n = g->procList->first; n != nullptr; n = n->next) {
-            out.push_back(static_cast<process*>(n->data)->pid);
-        }
-        return out;
-    }
-
     struct timeval mNow;
     std::vector<long> mSleeps;  // nanoseconds asked for, in order
     int mLoopStarts = 0;

@@ -64,39 +64,4 @@ TEST_F(SpearTest, ReturnCodesOfDoSpear) {
     EXPECT_EQ(1, limiter->mLoopStarts);
 }
 
-TEST_F(SpearTest, CommandsOnPidsThatAreNotLimited) {
-    TestChild c = TestChild::spawn(TestChild::Kind::Sleep);
-    TestChild other = TestChild::spawn(TestChild::Kind::Sleep);
-    EXPECT_EQ(-2, spear->stopSpearAll());
-    EXPECT_EQ(-2, spear->changeSpearParam(c.pid(), 40));
-    EXPECT_EQ(-2, spear->pauseSpear(c.pid(), 5));
-    EXPECT_EQ(0, spear->isSpeared(c.pid()));
-
-    ASSERT_EQ(1, spear->doSpear(c.pid(), 30, 0, false));
-    EXPECT_EQ(-2, spear->stopSpear(other.pid()));
-    EXPECT_EQ(1, spear->changeSpearParam(c.pid(), 40));
-    EXPECT_FLOAT_EQ(0.4f, limiter->groupOf(c.pid())->targetRate);
-    EXPECT_EQ(1, spear->pauseSpear(c.pid(), 5));
-    EXPECT_EQ(1, spear->stopSpear(c.pid()));
-    EXPECT_EQ(0, spear->isSpeared(c.pid()));
-
-    ASSERT_EQ(1, spear->doSpear(c.pid(), 30, 0, false));
-    ASSERT_EQ(1, spear->doSpear(other.pid(), 30, 0, false));
-    EXPECT_EQ(1, spear->stopSpearAll());
-    EXPECT_EQ(0, limiter->getPgroupNum());
-}
-
-TEST_F(SpearTest, StopWithoutGroupsContinuesTheProcess) {
-    qmed::host::LogCapture log;
-    TestChild c = TestChild::spawn(TestChild::Kind::Sleep);
-    kill(c.pid(), SIGSTOP);
-    ASSERT_TRUE(qmedtest::waitUntil([&] { return qmedtest::procState(c.pid()) == 'T'; }, 2000));
-    EXPECT_EQ(1, spear->stopSpear(c.pid()));
-    EXPECT_TRUE(log.contains("Qmed may crash just now, resume process " + std::to_string(c.pid())));
-    EXPECT_TRUE(qmedtest::waitUntil([&] { return qmedtest::procState(c.pid()) == 'S'; }, 2000));
-    int gone = c.pid();
-    c.kill();
-    EXPECT_EQ(0, spear->stopSpear(gone));
-}
-
 }  // namespace
