@@ -101,6 +101,18 @@ TEST(DeviceBuild, BinaryListsTheSameEntrySourcesAsCMake) {
     EXPECT_EQ(bp, cmake);
 }
 
+TEST(DeviceBuild, EveryFileItNamesExists) {
+    // Generated outputs ("out:") name files of the build, not of the tree.
+    std::string bp = std::regex_replace(stripComments(readFile(kRoot + "/device/Android.bp"), "//"),
+                                        std::regex(R"(\bout: \[[^\]]*\])"), "");
+    std::regex quoted(R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re");
+    int files = 0;
+    for (std::sregex_iterator it(bp.begin(), bp.end(), quoted), e; it != e; ++it, ++files) {
+        EXPECT_TRUE(exists(kRoot + "/" + (*it)[1].str())) << (*it)[1];
+    }
+    EXPECT_GT(files, 20);
+}
+
 TEST(DeviceBuild, InitAndPolicyAgreeOnPathsAndCapabilities) {
     std::string rc = stripComments(readFile(kRoot + "/device/ykqmed.rc"), "#");
     std::string te = stripComments(readFile(kRoot + "/device/sepolicy/ykqmed.te"), "#");
