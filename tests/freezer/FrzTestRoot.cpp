@@ -69,6 +69,18 @@ bool FrzTestRoot::makeGroup(const std::string& name, pid_t pid, bool freeze) con
     return true;
 }
 
+bool isGroupName(const std::string& name, const std::string& prefix) {
+    if (name.size() < 10) return false;
+    std::string head = name.substr(0, name.size() - 10);
+    for (size_t i = head.size(); i < name.size(); i++) {
+        if (name[i] < '0' || name[i] > '9') return false;
+    }
+    if (prefix.empty()) {
+        return head.size() >= 6 && head.compare(head.size() - 6, 6, "Group_") == 0;
+    }
+    return head == prefix;
+}
+
 std::vector<pid_t> groupPids(const std::string& groupPath) {
     std::vector<pid_t> out;
     std::ifstream in(groupPath + "/cgroup.procs");

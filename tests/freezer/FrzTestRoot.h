@@ -32,6 +32,9 @@ class FrzTestRoot {
     std::string mPath;
 };
 
+// True when name is prefix followed by exactly ten decimal digits; an empty prefix accepts
+// any prefix ending in "Group_".
+bool isGroupName(const std::string& name, const std::string& prefix);
 // Pids listed in a group's cgroup.procs.
 std::vector<pid_t> groupPids(const std::string& groupPath);
 // freezer.state without the newline.

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <regex>
 
 #include "daemon/QmedGlobals.h"
 #include "freezer/GroupPool.h"
@@ -52,9 +51,8 @@ TEST_F(GroupPoolTest, StartUpLeavesExactlyPoolSizeFreeUniquelyNamedGroups) {
     ASSERT_TRUE(pool->createGroupPool());
     auto groups = mRoot.groups();
     ASSERT_EQ(20u, groups.size());
-    std::regex name("^Group_[0-9]{10}$");
     for (const auto& g : groups) {
-        EXPECT_TRUE(std::regex_match(g, name)) << g;
+        EXPECT_TRUE(frztest::isGroupName(g, "Group_")) << g;
         EXPECT_EQ("THAWED", frztest::groupState(mRoot.group(g)));
     }
     EXPECT_EQ(20u, pool->size());
@@ -74,10 +72,9 @@ TEST_F(GroupPoolTest, PrefixFollowsTypeOption) {
     vp_type = 2;
     sp<GroupPool> pool = makePool(3);
     ASSERT_TRUE(pool->createGroupPool());
-    std::regex name("^VP2_Group_[0-9]{10}$");
     auto groups = mRoot.groups();
     ASSERT_EQ(3u, groups.size());
-    for (const auto& g : groups) EXPECT_TRUE(std::regex_match(g, name)) << g;
+    for (const auto& g : groups) EXPECT_TRUE(frztest::isGroupName(g, "VP2_Group_")) << g;
 }
 
 TEST_F(GroupPoolTest, StartUpRemovesOwnLeftoversEvenWithFrozenProcessesAndSparesOthers) {
