@@ -65,6 +65,7 @@ class Fault : public ::testing::Test {
         ASSERT_EQ(0, access((kFrz + "/cgroup.procs").c_str(), F_OK)) << "run through qmed-ns";
         DaemonOptions opts;
         opts.simulator = true;
+        opts.env["ASAN_OPTIONS"] = faulttest::daemonAsanOptions();
         mDaemon.reset(new Daemon(opts));
         ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
         ASSERT_EQ(0, mDaemon->kmodsim({"wait-identified", "5000"}).exitCode);

@@ -20,6 +20,11 @@ double scale() {
     return v > 0 ? v : 1.0;
 }
 
+std::string daemonAsanOptions() {
+    const char* asan = getenv("ASAN_OPTIONS");
+    return std::string(asan ? asan : "") + ":verify_asan_link_order=0:quarantine_size_mb=4";
+}
+
 long rssKb(pid_t pid) {
     std::istringstream in(qmedtest::readFile("/proc/" + std::to_string(pid) + "/status"));
     std::string line;

@@ -12,6 +12,10 @@ namespace faulttest {
 // Multiplies the long durations (flood, load); env QMED_FAULT_SCALE, default 1.
 double scale();
 
+// ASAN_OPTIONS for a daemon under the simulator's preloaded shim, with a small quarantine so
+// its resident size shows what it keeps, not what the sanitizer holds back.
+std::string daemonAsanOptions();
+
 // VmRSS of a process in kB, -1 when unreadable.
 long rssKb(pid_t pid);
 

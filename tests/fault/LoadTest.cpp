@@ -101,6 +101,7 @@ class Load : public ::testing::Test {
         ASSERT_EQ(0, access("/dev/frz/cgroup.procs", F_OK)) << "run through qmed-ns";
         DaemonOptions opts;
         opts.simulator = true;
+        opts.env["ASAN_OPTIONS"] = faulttest::daemonAsanOptions();
         opts.logLevel = "i";
         mDaemon.reset(new Daemon(opts));
         ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
