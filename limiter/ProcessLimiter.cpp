@@ -114,7 +114,8 @@ ProcessLimiter::ProcessLimiter(const char* procRoot)
       mStateReportInterval(0),
       mLoopRunning(false),
       mCpuCount(1),
-      mCycle(0) {
+      mCycle(0),
+      mNotifierRunning(false) {
     strncpy_s(mProcRoot, sizeof(mProcRoot), procRoot != nullptr ? procRoot : "/proc",
               sizeof(mProcRoot) - 1);
     initProcessLimiter();
@@ -810,10 +811,42 @@ int ProcessLimiter::sendStopMessageToQm(int pid, const char* reason) {
         ALOGE("Error : Binder service is null !!");
         return -1;
     }
-    mListener->handleMessage(TYPE_LISTENER_onStopProcSpearCallback,
-                             Message{pid, reinterpret_cast<intptr_t>(reason)});
+    bool start = false;
+    {
+        Mutex::Autolock l(mNoticeLock);
+        if (mNotices.size() >= MAX_QUEUED_NOTICES) {
+            ALOGW("Release notices are not taken, dropping the one for pid %d",
+                  mNotices.front().pid);
+            mNotices.pop_front();
+        }
+        mNotices.push_back(StopNotice{mListener, pid, reason});
+        start = !mNotifierRunning;
+        mNotifierRunning = true;
+    }
+    if (start) {
+        // Listener callbacks are synchronous and may block for ever: never on the loop.
+        sp<ProcessLimiter> self(this);
+        std::thread([self]() { self->noticeLoop(); }).detach();
+    }
     if (bDebug) ALOGD("sendStopMessageToQm, pid: %d, reason: %s.\n", pid, reason);
     return 0;
+}
+
+void ProcessLimiter::noticeLoop() {
+    for (;;) {
+        StopNotice n;
+        {
+            Mutex::Autolock l(mNoticeLock);
+            if (mNotices.empty()) {
+                mNotifierRunning = false;
+                return;
+            }
+            n = mNotices.front();
+            mNotices.pop_front();
+        }
+        n.listener->handleMessage(TYPE_LISTENER_onStopProcSpearCallback,
+                                  Message{n.pid, reinterpret_cast<intptr_t>(n.reason)});
+    }
 }
 
 void ProcessLimiter::increasePriority() {

@@ -10,6 +10,7 @@
 #include <utils/StrongPointer.h>
 
 #include <atomic>
+#include <deque>
 
 class IQmedBinderListenerService;
 
@@ -86,9 +87,11 @@ static_assert(offsetof(processGroup, err2) == 8 * sizeof(float), "group field or
 //
 // Threading: public commands are called from binder threads and take mLock.
 // The loop thread holds mLock from the continue phase through the stop-phase
-// sleeps. sendStopMessageToQm() posts to the listener registry with mLock held,
-// so the order is limiter then registry; nothing called from the registry's
-// locked section may call back into the limiter.
+// sleeps. Release notices are queued with mLock held and posted to the listener
+// registry by a notifier thread that holds no limiter lock: a listener stuck in
+// its callback must not keep limited processes stopped or commands waiting.
+// So the registry's lock is never taken inside mLock, and nothing called from
+// the registry's locked section may call back into the limiter.
 class ProcessLimiter : public android::RefBase {
   public:
     static constexpr int MAX_GROUPS = 100;
@@ -157,7 +160,8 @@ class ProcessLimiter : public android::RefBase {
     void computeGroupLoad(processGroup* g);
     bool judgeAutoQuit(listNode* node);                    // mLock held
     void tgidErrQuit(listNode* node);                      // mLock held
-    int sendStopMessageToQm(int pid, const char* reason);  // mLock held
+    int sendStopMessageToQm(int pid, const char* reason);  // mLock held; queues the notice
+    void noticeLoop();                                     // the notifier thread
     void increasePriority();
     void reportProcGroup(processGroup* g);
     void reportQmedState();
@@ -180,5 +184,15 @@ class ProcessLimiter : public android::RefBase {
     std::atomic<int32_t> mCycle;
 
   private:
+    struct StopNotice {
+        android::sp<IQmedBinderListenerService> listener;
+        int pid;
+        const char* reason;  // a literal
+    };
+    static constexpr size_t MAX_QUEUED_NOTICES = 1024;
+
     char mProcRoot[64];
+    android::Mutex mNoticeLock;  // a leaf: nothing is locked inside it
+    std::deque<StopNotice> mNotices;
+    bool mNotifierRunning;
 };

@@ -164,9 +164,10 @@ TEST_F(LimiterCycleTest, LowLoadReleasesAfter901CyclesExceptType1) {
     pl->update();
     EXPECT_EQ(1, pl->getPgroupNum());
     EXPECT_EQ(nullptr, pl->groupOf(idle.pid()));
-    ASSERT_EQ(1u, listener->stops().size());
-    EXPECT_EQ(idle.pid(), listener->stops()[0].first);
-    EXPECT_EQ("low_rate", listener->stops()[0].second);
+    auto stops = listener->waitForStops(1);
+    ASSERT_EQ(1u, stops.size());
+    EXPECT_EQ(idle.pid(), stops[0].first);
+    EXPECT_EQ("low_rate", stops[0].second);
     for (int i = 0; i < 200; i++) {
         pl->advanceMs(1000);
         pl->update();
@@ -207,18 +208,39 @@ TEST_F(LimiterCycleTest, OwnerGoneWhileLimitedIsATgidErrorAndWhileWarmingUpEmpty
     warming.kill();
 
     pl->spearCycle();  // continue phase: the owner fails the tgid check
-    auto stops = listener->stops();
+    auto stops = listener->waitForStops(1);
     ASSERT_EQ(1u, stops.size());
     EXPECT_EQ(limitedPid, stops[0].first);
     EXPECT_EQ("tgid_error", stops[0].second);
     EXPECT_EQ(nullptr, pl->groupOf(limitedPid));
 
     pl->spearCycle();  // the update before found no member, this one drops the group
-    stops = listener->stops();
+    stops = listener->waitForStops(2);
     ASSERT_EQ(2u, stops.size());
     EXPECT_EQ(warmingPid, stops[1].first);
     EXPECT_EQ("empty", stops[1].second);
     EXPECT_EQ(0, pl->getPgroupNum());
+}
+
+TEST_F(LimiterCycleTest, StuckReleaseListenerHoldsNeitherTheCycleNorCommands) {
+    TestChild gone = TestChild::spawn(TestChild::Kind::Sleep);
+    TestChild limited = TestChild::spawn(TestChild::Kind::Sleep);
+    addLimited(gone.pid(), 0.2f);
+    addLimited(limited.pid(), 0.5f);
+    pl->spearCycle();
+    ASSERT_TRUE(becomesStopped(limited.pid()));
+    listener->hold();
+    gone.kill();
+    pl->spearCycle();  // releases the first group; the notice blocks in the listener
+    ASSERT_TRUE(listener->waitEntered(1));
+    EXPECT_EQ(1, pl->getPgroupNum());
+    EXPECT_TRUE(becomesStopped(limited.pid()));  // the cycle went on
+    EXPECT_EQ(1, pl->quitLimit(limited.pid()));
+    EXPECT_TRUE(qmedtest::waitUntil([&] { return !stopped(limited.pid()); }, 2000));
+    listener->release();
+    auto stops = listener->waitForStops(1);
+    ASSERT_EQ(1u, stops.size());
+    EXPECT_EQ("tgid_error", stops[0].second);
 }
 
 TEST_F(LimiterCycleTest, HundredGroupsThenRefusedAndRatesClamped) {
