@@ -255,11 +255,10 @@ TEST_F(Fault, SimulatorVanishingAndComingBackNeitherKillsNorWedgesTheDaemon) {
 }
 
 // A listener for release notices that stops inside its callback while the limiter lets a
-// group go: nothing else limited may stay stopped meanwhile, and stop requests must still be
-// answered. Disabled while it fails: the notice is a synchronous call made from the loop with
-// the limiter's lock held, right after the stop phase, so every limited process stays stopped
-// and every limiter command waits until the listener returns or dies.
-TEST_F(Fault, DISABLED_StuckReleaseListenerLeavesNoLimitedProcessStopped) {
+// group go. Callbacks are synchronous and the loop releases groups right after its stop
+// phase, so a notice sent from the loop would keep every limited process stopped and every
+// limiter command waiting until the listener returned or died.
+TEST_F(Fault, StuckReleaseListenerLeavesNoLimitedProcessStopped) {
     BackgroundTool listener("qmedctl", {"listen", "4"}, mDaemon->clientOptions());
     ASSERT_TRUE(listener.waitForLine("listening")) << listener.output();
     pid_t owner = spawn(TestChild::Kind::Busy);
