@@ -1,12 +1,33 @@
-// Private scratch directories for the fuzz targets. tmpfs by default: on a disk file
-// system every truncating close forces a write-back and the run slows to a crawl.
+// Private scratch directories for the fuzz targets, removed when the process exits.
+// tmpfs by default: on a disk file system every truncating close forces a write-back
+// and the run slows to a crawl.
 #pragma once
 
+#include <ftw.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
+
+namespace fuzzscratch {
+
+inline std::vector<std::string>& dirs() {
+    static std::vector<std::string>* sDirs = new std::vector<std::string>();
+    return *sDirs;
+}
+
+inline void removeAll() {
+    for (const std::string& d : dirs()) {
+        nftw(
+                d.c_str(),
+                [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); },
+                16, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+}  // namespace fuzzscratch
 
 inline std::string fuzzScratchDir(const char* tag) {
     const char* base = getenv("TMPDIR");
@@ -17,5 +38,7 @@ inline std::string fuzzScratchDir(const char* tag) {
     std::vector<char> buf(tmpl.begin(), tmpl.end());
     buf.push_back('\0');
     if (mkdtemp(buf.data()) == nullptr) abort();
+    if (fuzzscratch::dirs().empty()) atexit(fuzzscratch::removeAll);
+    fuzzscratch::dirs().push_back(buf.data());
     return buf.data();
 }

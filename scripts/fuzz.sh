@@ -74,6 +74,8 @@ for t in $targets; do
         "$corpus" >"$build/$t.log" 2>&1 || rc=$?
     grep -E "^(#[0-9]+ +(INITED|DONE)|stat::(number_of_executed_units|average_exec_per_sec)|==[0-9]+==ERROR|SUMMARY)" \
         "$build/$t.log" || true
+    # -fork=N runs report their totals on progress lines only.
+    grep -E "^#[0-9]+: cov" "$build/$t.log" | tail -n 1 || true
     if [ "$rc" != 0 ]; then
         echo "$t: finding (exit $rc), see $build/$t.log and $artifacts/"
         status=1
