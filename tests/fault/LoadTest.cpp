@@ -148,7 +148,7 @@ class Load : public ::testing::Test {
 // the registry) until it dies, as a stuck binder peer would on the device. The binder
 // threads must keep serving meanwhile, and the hub must go on once the peer is gone.
 TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
-    startDaemon();
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
     const double seconds = 10 * faulttest::scale();
     // Baseline: the same offered load with nobody listening.
     std::atomic<long> unheard{0};
@@ -178,12 +178,13 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     size_t aWhileStuck = a->countLines("kind=77");
     size_t bWhileStuck = b->countLines("kind=77");
     long rss1 = faulttest::rssKb(mDaemon->pid());
-    ASSERT_TRUE(mDaemon->running()) << mDaemon->log().substr(0, 4000);
+    bool survived = mDaemon->running();
 
     // The stuck peer dies: its pending call fails and the hub carries on with the backlog.
     auto killed = Clock::now();
     stuck->kill(SIGKILL);
     flood.join();
+    ASSERT_TRUE(survived) << mDaemon->log().substr(0, 4000);
     double floodS = msSince(start) / 1000;
     qmedtest::RunOptions o;
     o.timeoutMs = 20000;
@@ -282,7 +283,7 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
 }
 
 TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
-    startDaemon();
+    ASSERT_NO_FATAL_FAILURE(startDaemon());
     const double seconds = 60 * faulttest::scale();
     const int kClients = 8;
     std::vector<pid_t> ours;
