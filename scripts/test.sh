@@ -40,7 +40,8 @@ for s in $stages; do
                 ctest -j "$jobs" --timeout 600) ;;
         tsan)
             stage "thread sanitizer build, concurrency tests (build/tsan)"
-            build build/tsan Tsan
+            cmake -S "$root" -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Tsan -DQMED_BUILD_BENCH=OFF >/dev/null
+            cmake --build build/tsan -j "$jobs" --target qmed_concurrency_tests
             (cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
                 ctest -j "$jobs" -L concurrency --timeout 600 --no-tests=error) ;;
         armhf)
