@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <utils/String16.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -160,6 +161,12 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     auto a = listen("1");
     auto b = listen("1");
     auto stuck = listen("1");
+    // A client holding a frozen process, which dies while the hub is blocked.
+    auto holder = listen("2");
+    mChildren.push_back(TestChild::spawn(TestChild::Kind::Busy));
+    const pid_t held = mChildren.back().pid();
+    ASSERT_EQ(0, mDaemon->qmedctl({"freeze", std::to_string(held)}).exitCode);
+    ASSERT_TRUE(waitUntil([&] { return qmedtest::procState(held) == 'D'; }, 5000));
     long rss0 = faulttest::rssKb(mDaemon->pid());
 
     const auto start = Clock::now();
@@ -173,6 +180,17 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     long sentHealthy = sent;
     double healthyS = msSince(start) / 1000;
     stuck->kill(SIGSTOP);
+    // The hub holds the listener table while it waits; the death notice thaws first anyway.
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    holder->kill(SIGKILL);
+    auto holderDied = Clock::now();
+    bool thawedWhileStuck = waitUntil(
+            [&] {
+                std::vector<pid_t> f = faulttest::frozenPids();
+                return std::find(f.begin(), f.end(), held) == f.end();
+            },
+            5000);
+    double thawMs = msSince(holderDied);
     std::this_thread::sleep_until(deadline);
     prober.stop();
     size_t aWhileStuck = a->countLines("kind=77");
@@ -208,11 +226,14 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     record("flood_dropped_a", sent - static_cast<long>(gotA));
     record("flood_dropped_b", sent - static_cast<long>(gotB));
     record("flood_drain_ms_after_stuck_death", drainMs);
+    record("flood_thaw_ms_after_client_death_while_stuck", thawMs);
     record("flood_probe_count", prober.count());
     record("flood_probe_max_ms", prober.maxMs());
     record("flood_rss_before_kb", rss0);
     record("flood_rss_after_kb", rss1);
 
+    EXPECT_TRUE(thawedWhileStuck) << "a dead client's frozen process stayed frozen";
+    EXPECT_TRUE(faulttest::progresses(held, 5000));
     EXPECT_TRUE(aDone) << "listener a got " << gotA << " of " << sent;
     EXPECT_TRUE(bDone) << "listener b got " << gotB << " of " << sent;
     // Everything the module handed over reaches the healthy listeners.
