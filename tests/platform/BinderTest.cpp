@@ -6,6 +6,7 @@
 #include <binder/Parcel.h>
 #include <binder/PermissionCache.h>
 #include <binder/ProcessState.h>
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "tests/platform/TestService.h"
+#include "tests/support/ToolRunner.h"
 
 using namespace android;
 using namespace platformtest;
@@ -413,9 +415,32 @@ TEST(PermissionCacheTest, RootAndOwnPidAlwaysOthersFromGrantsFile) {
     unlink(path);
 }
 
+pid_t poolThreadTid() {
+    DIR* dir = opendir("/proc/self/task");
+    pid_t found = 0;
+    while (struct dirent* e = dir ? readdir(dir) : nullptr) {
+        std::ifstream in(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string comm;
+        std::getline(in, comm);
+        if (comm.compare(0, 7, "binder:") == 0) found = pid_t(atoi(e->d_name));
+    }
+    if (dir) closedir(dir);
+    return found;
+}
+
 TEST(ProcessStateTest, ForkedServerOfStartedProcessStillGrowsItsPool) {
     useUniqueBinderNamespace();
     ProcessState::self()->startThreadPool();
+    // Fork only once the pool thread sleeps: a thread still starting up may hold the
+    // allocator's lock, which the child would inherit held.
+    ASSERT_TRUE(qmedtest::waitUntil(
+            [] {
+                std::ifstream in("/proc/self/task/" + std::to_string(poolThreadTid()) + "/wchan");
+                std::string wchan;
+                in >> wchan;
+                return wchan == "do_epoll_wait";
+            },
+            5000));
     const pid_t server = forkTestService("forked.svc");
     ASSERT_GT(server, 0);
     sp<IBinder> svc = defaultServiceManager()->checkService(String16("forked.svc"));
