@@ -7,7 +7,11 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+// GCC 12 at -O1 warns inside libstdc++'s regex compiler (a known false positive).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
+#pragma GCC diagnostic pop
 #include <set>
 #include <sstream>
 #include <string>
