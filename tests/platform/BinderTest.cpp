@@ -432,6 +432,10 @@ TEST(ProcessStateTest, ForkedServerOfStartedProcessStillGrowsItsPool) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "ThreadSanitizer stops children that start threads after a threaded fork";
 #endif
+    const char* emulator = getenv("QMED_EMULATOR");
+    if (emulator != nullptr && *emulator != '\0') {
+        GTEST_SKIP() << "qemu-user aborts children that start threads after a threaded fork";
+    }
     useUniqueBinderNamespace();
     ProcessState::self()->startThreadPool();
     // Fork only once the pool thread sleeps: a thread still starting up may hold the
