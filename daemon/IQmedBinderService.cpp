@@ -38,7 +38,7 @@ constexpr uid_t kRootUid = 0;
 
 // num - 1 as unsigned folds 0 and negatives into the refusal together with > 200.
 bool listNumValid(int num) {
-    return static_cast<unsigned>(num - 1) < static_cast<unsigned>(IQmedBinderService::kMaxListNum);
+    return static_cast<unsigned>(num) - 1u < static_cast<unsigned>(IQmedBinderService::kMaxListNum);
 }
 
 int* readPids(const Parcel& data, int num) {

@@ -58,7 +58,8 @@ void Spear::setProcLimiterBinder(sp<IQmedBinderListenerService> listener) {
 }
 
 int Spear::doSpear(int pid, int rate, int type, bool includeChildren) {
-    int target = kill(pid, 0) == 0 ? pid : -pid;
+    // Negated as unsigned: INT_MIN from a client must not overflow.
+    int target = kill(pid, 0) == 0 ? pid : static_cast<int>(0u - static_cast<unsigned>(pid));
     int self = getpid();
     if (target == 0) {
         ALOGE("Sr P: %d not found!\n", pid);

@@ -109,7 +109,7 @@ TEST_F(Startup, OnlyExactLowerCaseTrueEnablesDebug) {
     const std::vector<Case> cases = {
             {"persist.sys.qmed.debug=true\n", true},
             {"persist.sys.qmed.debug=True\n", false},
-            // The host property file trims values, so the blank goes inside.
+            {"persist.sys.qmed.debug=true \n", false},
             {"persist.sys.qmed.debug=true x\n", false},
             {"persist.sys.qmed.debug=true1\n", false},
             {"persist.sys.qmed.debug=TRUE\n", false},

@@ -51,8 +51,11 @@ TEST_F(PropertiesTest, MissingFileAndMissingKeyGiveDefault) {
 }
 
 TEST_F(PropertiesTest, ValuesAreReadFromTheFileOnEveryCall) {
-    writeFile("# comment\n\n  persist.sys.qmed.debug = true \nro.x=first\nro.x=second\nempty=\n");
+    writeFile("# comment\n\n  persist.sys.qmed.debug=true\nro.x=first\nro.x=second\nempty=\n"
+              "blank=true \r\n");
     EXPECT_EQ("true", get("persist.sys.qmed.debug"));
+    // Values are taken as written: a trailing blank is part of the value.
+    EXPECT_EQ("true ", get("blank"));
     EXPECT_EQ("second", get("ro.x"));
     // An empty value counts as unset, as on the platform.
     EXPECT_EQ("dflt", get("empty"));

@@ -486,7 +486,11 @@ const char* Parcel::readString8Inplace(size_t* outLen) const {
     if (readInt32(&size) == NO_ERROR && size >= 0 && size < INT32_MAX) {
         *outLen = size_t(size);
         const char* str = static_cast<const char*>(readInplace(size_t(size) + 1));
-        if (str != nullptr && str[size] == 0) return str;
+        // A position set off the word grid must not turn into a misaligned UTF-16 read.
+        if (str != nullptr && reinterpret_cast<uintptr_t>(str) % alignof(char16_t) == 0 &&
+            str[size] == 0) {
+            return str;
+        }
     }
     *outLen = 0;
     return nullptr;
@@ -515,7 +519,11 @@ const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
         *outLen = size_t(size);
         const char16_t* str =
                 static_cast<const char16_t*>(readInplace((size_t(size) + 1) * sizeof(char16_t)));
-        if (str != nullptr && str[size] == 0) return str;
+        // A position set off the word grid must not turn into a misaligned UTF-16 read.
+        if (str != nullptr && reinterpret_cast<uintptr_t>(str) % alignof(char16_t) == 0 &&
+            str[size] == 0) {
+            return str;
+        }
     } else if (size == -1) {
         *outLen = 0;
         return nullptr;

@@ -45,12 +45,15 @@ int readProperty(const char* key, char* value) {
     std::string found;
     bool have = false;
     while (std::getline(in, line)) {
-        const std::string t = trim(line);
+        // Values keep their blanks, as on the device; only the line ending goes.
+        while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
+        const size_t start = line.find_first_not_of(" \t");
+        const std::string t = start == std::string::npos ? std::string() : line.substr(start);
         if (t.empty() || t[0] == '#') continue;
         const size_t eq = t.find('=');
         if (eq == std::string::npos) continue;
         if (trim(t.substr(0, eq)) != key) continue;
-        found = trim(t.substr(eq + 1));
+        found = t.substr(eq + 1);
         have = true;
     }
     if (!have) return 0;

@@ -445,6 +445,8 @@ status_t Transport::setMaxThreads(size_t n) {
 }
 
 void Transport::joinPool() {
+    // The joining thread is itself a looper: no extra one is needed to serve the endpoint.
+    mSpawned.fetch_add(1);
     endpoint();
     looperLoop();
 }
