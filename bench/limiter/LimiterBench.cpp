@@ -1,7 +1,7 @@
 // Throttling accuracy and overhead of the limiter, measured in one run against
 // cpulimit (same target, same busy workload) and the kernel's cgroup-v1 CPU
 // bandwidth control as the physical reference. Needs root. Takes about 11
-// minutes with the defaults; `limiter_bench SECONDS [accuracy|overhead]` shortens the
+// minutes with the defaults; `bench_limiter SECONDS [accuracy|overhead]` shortens the
 // accuracy runs or picks one part.
 
 #include <android/log.h>
@@ -289,7 +289,7 @@ int main(int argc, char** argv) {
     int seconds = argc > 1 ? atoi(argv[1]) : 60;
     if (seconds <= kWarmupSeconds) seconds = kWarmupSeconds + 1;
     if (getuid() != 0) {
-        fprintf(stderr, "limiter_bench needs root (signals, cgroups)\n");
+        fprintf(stderr, "bench_limiter needs root (signals, cgroups)\n");
         return 1;
     }
     std::string only = argc > 2 ? argv[2] : "";
