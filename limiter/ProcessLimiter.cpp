@@ -537,14 +537,7 @@ void ProcessLimiter::noticeProcess(processGroup* g, int sig) {
         if (p == nullptr || !(g->workingRate > 0)) continue;
         // A pid of 0 or below would signal a whole process group.
         if (p->pid > 0 && kill(p->pid, sig) == 0) continue;
-        int pid = p->pid;
-        ALOGI("Notice failed, %d is dead, remove it from family\n", pid);
-        deleteNode(g->procList, n);
-        removeProcess(g, pid);
-        if (pid != 0) {
-            memset_s(p, sizeof(process), 0, sizeof(process));
-            free(p);
-        }
+        dropDeadMember(g, n, ANDROID_LOG_INFO);
     }
 }
 
@@ -556,14 +549,19 @@ void ProcessLimiter::releaseProcess(processGroup* g) {
         process* p = static_cast<process*>(n->data);
         if (p == nullptr) continue;
         if (p->pid > 0 && kill(p->pid, SIGCONT) == 0) continue;
-        int pid = p->pid;
-        ALOGW("Notice failed, %d is dead, remove it from family\n", pid);
-        deleteNode(g->procList, n);
-        removeProcess(g, pid);
-        if (pid != 0) {
-            memset_s(p, sizeof(process), 0, sizeof(process));
-            free(p);
-        }
+        dropDeadMember(g, n, ANDROID_LOG_WARN);
+    }
+}
+
+void ProcessLimiter::dropDeadMember(processGroup* g, listNode* n, int prio) {
+    process* p = static_cast<process*>(n->data);
+    int pid = p->pid;
+    __android_log_print(prio, LOG_TAG, "Notice failed, %d is dead, remove it from family\n", pid);
+    deleteNode(g->procList, n);
+    removeProcess(g, pid);
+    if (pid != 0) {
+        memset_s(p, sizeof(process), 0, sizeof(process));
+        free(p);
     }
 }
 

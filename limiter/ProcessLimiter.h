@@ -166,6 +166,8 @@ class ProcessLimiter : public android::RefBase {
     void reportProcGroup(processGroup* g);
     void reportQmedState();
     void releaseProcess(processGroup* g);  // mLock held
+    // Forgets a member that could not be signalled; mLock held.
+    void dropDeadMember(processGroup* g, listNode* n, int prio);
     float convertRate(int rate);
     processGroup* findGroup(int pid);  // mLock held
 
