@@ -241,11 +241,13 @@ void* ProcessLimiter::locateElem(list* l, void* key) {
     return n != nullptr ? n->data : nullptr;
 }
 
-void ProcessLimiter::clearList(list* l) {
+// Frees every node, and with freeData the record each one holds.
+static void freeNodes(list* l, bool freeData) {
     if (l == nullptr) return;
     listNode* n = l->first;
     while (n != nullptr) {
         listNode* next = n->next;
+        if (freeData) free(n->data);
         free(n);
         n = next;
     }
@@ -254,19 +256,9 @@ void ProcessLimiter::clearList(list* l) {
     l->last = nullptr;
 }
 
-void ProcessLimiter::destroyList(list* l) {
-    if (l == nullptr) return;
-    listNode* n = l->first;
-    while (n != nullptr) {
-        listNode* next = n->next;
-        free(n->data);
-        free(n);
-        n = next;
-    }
-    l->first = nullptr;
-    l->count = 0;
-    l->last = nullptr;
-}
+void ProcessLimiter::clearList(list* l) { freeNodes(l, false); }
+
+void ProcessLimiter::destroyList(list* l) { freeNodes(l, true); }
 
 void ProcessLimiter::sortListBubble(listNode* first) {
     for (listNode* a = first; a != nullptr && a->next != nullptr; a = a->next) {

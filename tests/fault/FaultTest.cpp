@@ -61,24 +61,11 @@ void record(const std::string& name, double value) {
     ::testing::Test::RecordProperty(name, std::to_string(value));
 }
 
-class Fault : public ::testing::Test {
+class Fault : public faulttest::DaemonFixture {
   protected:
     void SetUp() override {
         ASSERT_EQ(0, access((kFrz + "/cgroup.procs").c_str(), F_OK)) << "run through qmed-ns";
-        DaemonOptions opts;
-        opts.simulator = true;
-        opts.env["ASAN_OPTIONS"] = faulttest::daemonAsanOptions();
-        mDaemon.reset(new Daemon(opts));
-        ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
-        ASSERT_EQ(0, mDaemon->kmodsim({"wait-identified", "5000"}).exitCode);
-    }
-    void TearDown() override {
-        if (mDaemon && mDaemon->running()) {
-            mDaemon->qmedctl({"stop-all"});
-            mDaemon->qmedctl({"thaw-all"});
-        }
-        faulttest::thawAll();
-        for (TestChild& c : mChildren) c.kill(SIGKILL);
+        startDaemon();
     }
     pid_t spawn(TestChild::Kind kind) {
         mChildren.push_back(TestChild::spawn(kind));
@@ -118,8 +105,6 @@ class Fault : public ::testing::Test {
         return true;
     }
 
-    std::vector<TestChild> mChildren;
-    std::unique_ptr<Daemon> mDaemon;
 };
 
 TEST_F(Fault, ClientKilledWhileHoldingFrozenAndLimitedProcesses) {

@@ -1,6 +1,8 @@
 #include "tests/fault/FaultTestUtil.h"
 
 #include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -91,6 +93,26 @@ std::string join(const std::vector<pid_t>& pids) {
     std::string s;
     for (pid_t p : pids) s += (s.empty() ? "" : " ") + std::to_string(p);
     return s;
+}
+
+void DaemonFixture::startDaemon(const std::string& logLevel) {
+    ASSERT_EQ(0, access("/dev/frz/cgroup.procs", F_OK)) << "run through qmed-ns";
+    qmedtest::DaemonOptions opts;
+    opts.simulator = true;
+    opts.env["ASAN_OPTIONS"] = daemonAsanOptions();
+    opts.logLevel = logLevel;
+    mDaemon.reset(new qmedtest::Daemon(opts));
+    ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
+    ASSERT_EQ(0, mDaemon->kmodsim({"wait-identified", "5000"}).exitCode);
+}
+
+void DaemonFixture::TearDown() {
+    if (mDaemon && mDaemon->running()) {
+        mDaemon->qmedctl({"stop-all"});
+        mDaemon->qmedctl({"thaw-all"});
+    }
+    thawAll();
+    for (qmedtest::TestChild& c : mChildren) c.kill(SIGKILL);
 }
 
 }  // namespace faulttest

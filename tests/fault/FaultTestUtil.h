@@ -4,8 +4,14 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "tests/support/DaemonHarness.h"
+#include "tests/support/TestChild.h"
 
 namespace faulttest {
 
@@ -36,5 +42,16 @@ bool progresses(pid_t pid, int timeoutMs);
 void thawAll(const std::string& root = "/dev/frz");
 
 std::string join(const std::vector<pid_t>& pids);
+
+// A real daemon under the simulator, and the children a test spawned; tear-down leaves
+// nothing frozen or stopped.
+class DaemonFixture : public ::testing::Test {
+  protected:
+    void startDaemon(const std::string& logLevel = "d");
+    void TearDown() override;
+
+    std::vector<qmedtest::TestChild> mChildren;
+    std::unique_ptr<qmedtest::Daemon> mDaemon;
+};
 
 }  // namespace faulttest

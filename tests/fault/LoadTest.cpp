@@ -96,26 +96,9 @@ class Prober {
     double mMaxMs = 0;
 };
 
-class Load : public ::testing::Test {
+class Load : public faulttest::DaemonFixture {
   protected:
-    void startDaemon() {
-        ASSERT_EQ(0, access("/dev/frz/cgroup.procs", F_OK)) << "run through qmed-ns";
-        DaemonOptions opts;
-        opts.simulator = true;
-        opts.env["ASAN_OPTIONS"] = faulttest::daemonAsanOptions();
-        opts.logLevel = "i";
-        mDaemon.reset(new Daemon(opts));
-        ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
-        ASSERT_EQ(0, mDaemon->kmodsim({"wait-identified", "5000"}).exitCode);
-    }
-    void TearDown() override {
-        if (mDaemon && mDaemon->running()) {
-            mDaemon->qmedctl({"stop-all"});
-            mDaemon->qmedctl({"thaw-all"});
-        }
-        faulttest::thawAll();
-        for (TestChild& c : mChildren) c.kill(SIGKILL);
-    }
+    void startDaemon() { faulttest::DaemonFixture::startDaemon("i"); }
     std::unique_ptr<BackgroundTool> listen(const std::string& mask) {
         std::unique_ptr<BackgroundTool> l(
                 new BackgroundTool("qmedctl", {"listen", mask}, mDaemon->clientOptions()));
@@ -141,8 +124,6 @@ class Load : public ::testing::Test {
         }
     }
 
-    std::vector<TestChild> mChildren;
-    std::unique_ptr<Daemon> mDaemon;
 };
 
 // Listener callbacks are synchronous, so a listener that never returns holds the hub (and
