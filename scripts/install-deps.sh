@@ -14,7 +14,7 @@ native=(
   clang libclang-rt-14-dev llvm
   android-libutils-dev android-liblog-dev android-libcutils-dev
   libsafec-dev libgtest-dev libgmock-dev libbenchmark-dev
-  iproute2 procps util-linux psmisc cpulimit aidl
+  iproute2 procps util-linux psmisc cpulimit aidl gcovr
   # amd64 libbacktrace loads /usr/lib/p7zip/7z.so; the armhf copy for qemu is extracted
   # by scripts/armhf-qemu-prefix.sh, since both architectures cannot own that path.
   p7zip-full

@@ -5,6 +5,7 @@
 #
 #   scripts/test.sh               all stages
 #   QMED_STAGES="native asan" scripts/test.sh
+#   QMED_STAGES=coverage scripts/test.sh   line and branch coverage per folder
 #   QMED_JOBS=N                   build/test parallelism (default: nproc)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -46,6 +47,20 @@ for s in $stages; do
             cmake --build build/tsan -j "$jobs" --target qmed_concurrency_tests
             (cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
                 ctest -j "$jobs" -L concurrency --timeout 600 --no-tests=error) ;;
+        coverage)
+            stage "coverage build and tests (build/coverage)"
+            cmake -S "$root" -B build/coverage -G Ninja -DCMAKE_BUILD_TYPE=Coverage \
+                -DQMED_BUILD_BENCH=OFF >/dev/null
+            cmake --build build/coverage -j "$jobs"
+            find build/coverage -name '*.gcda' -delete
+            crc=0
+            (cd build/coverage && ctest -j "$jobs" --timeout 600) || crc=$?
+            # Branches the compiler adds for exceptions say nothing about our tests.
+            gcovr -r "$root" --object-directory build/coverage --exclude-throw-branches \
+                -e 'tests/' -e 'bench/' -e 'fuzz/' -e 'build/' \
+                --json-summary build/coverage/summary.json -s >/dev/null
+            python3 scripts/coverage-report.py build/coverage/summary.json
+            [ "$crc" = 0 ] || { echo "coverage stage: tests failed" >&2; exit "$crc"; } ;;
         armhf)
             stage "armhf cross build, tests under qemu-arm (build/armhf)"
             scripts/test-armhf.sh ;;

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Line and branch coverage per source folder from a chosen set of test binaries:
+# what those tests alone cover. Uses build/coverage; concurrent callers queue.
+#
+#   scripts/coverage-of.sh freezer_test freezer_integration_test ...
+#   QMED_COV_NOBUILD=1   measure the binaries as they are, without rebuilding
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+dir=$root/build/coverage
+[ $# -ge 1 ] || { echo "usage: $0 TEST_TARGET..." >&2; exit 2; }
+exec 9>/tmp/qmed-coverage.lock
+flock 9
+if [ ! -f "$dir/build.ninja" ]; then
+    cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Coverage -DQMED_BUILD_BENCH=OFF >/dev/null
+fi
+if [ -z "${QMED_COV_NOBUILD:-}" ]; then
+    cmake --build "$dir" --target "$@" ykqmed qmedctl service kmodsim kmodshim >/dev/null
+fi
+find "$dir" -name '*.gcda' -delete
+# The CTest entries whose command runs one of the chosen binaries.
+regex=$(cd "$dir" && ctest --show-only=json-v1 | python3 -c '
+import json, sys, re
+want = set(sys.argv[1:])
+names = []
+for t in json.load(sys.stdin)["tests"]:
+    cmd = t.get("command") or []
+    if any(c.rsplit("/", 1)[-1] in want for c in cmd):
+        names.append("^" + re.escape(t["name"]) + "$")
+print("|".join(names))' "$@")
+[ -n "$regex" ] || { echo "no tests run these binaries: $*" >&2; exit 2; }
+rc=0
+(cd "$dir" && ctest -j "$(nproc)" --timeout 600 -R "$regex" >/tmp/qmed-coverage-of.log 2>&1) || rc=$?
+tail -3 /tmp/qmed-coverage-of.log
+gcovr -r "$root" --object-directory "$dir" --exclude-throw-branches \
+    -e 'tests/' -e 'bench/' -e 'fuzz/' -e 'build/' --json-summary "$dir/summary-of.json" -s >/dev/null
+python3 "$root/scripts/coverage-report.py" "$dir/summary-of.json"
+exit $rc
