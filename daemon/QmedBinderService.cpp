@@ -219,16 +219,16 @@ int QmedBinderService::destroySockets(int uid, int pid) {
 // DURATION takes the first value and HOLDTIME the second although the binder layer
 // labels them the other way round; the watchdog reads them in this order.
 int QmedBinderService::setPowerWatchdog(int type, long first, long second, const String8& extend) {
-    char record[512] = {0};
-    int len = snprintf_s(record, sizeof(record), "TYPE=%d DURATION=%ld HOLDTIME=%ld EXTEND=%s",
-                         type, first, second, extend.c_str());
-    if (len < 0) len = static_cast<int>(strnlen(record, sizeof(record)));
+    // Sized to the text: an extend of any length goes out whole in the one write.
+    const String8 record = String8::format("TYPE=%d DURATION=%ld HOLDTIME=%ld EXTEND=%s", type,
+                                           first, second, extend.c_str());
+    const ssize_t len = static_cast<ssize_t>(record.size());
     int fd = open(mPowerWatchdogPath.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) {
         ALOGE("Failed to open %s", strerror(errno));
         return -1;
     }
-    ssize_t written = write(fd, record, static_cast<size_t>(len));
+    ssize_t written = write(fd, record.c_str(), record.size());
     if (written != len) {
         ALOGE("Failed to write %d %d: %s", fd, static_cast<int>(written), strerror(errno));
     }
