@@ -1,17 +1,19 @@
-// Test plug-in: records that its entry ran in the file named by VIGIL_TEST_MARKER.
+// Test plug-in: records that its entry ran in the file named by VIGIL_TEST_MARKER. Built a
+// second time with VIGIL_ENTRY renamed, as a library without the entry.
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
-extern "C" __attribute__((visibility("default"))) int vigild_main() {
+#ifndef VIGIL_ENTRY
+#define VIGIL_ENTRY vigild_main
+#endif
+
+extern "C" __attribute__((visibility("default"))) int VIGIL_ENTRY() {
     const char* marker = getenv("VIGIL_TEST_MARKER");
-    if (marker == nullptr) return 1;
-    int fd = open(marker, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = marker == nullptr ? -1 : open(marker, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) return 1;
-    const char text[] = "vigild_main ran\n";
-    ssize_t n = write(fd, text, strlen(text));
+    ssize_t n = write(fd, "vigild_main ran\n", 16);
     close(fd);
-    return n > 0 ? 0 : 1;
+    return n == 16 ? 0 : 1;
 }
