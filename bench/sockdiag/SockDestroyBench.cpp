@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "sockdiag/SockDiag.h"
-#include "tests/sockdiag/NetnsSockets.h"
+#include "bench/sockdiag/NetnsSockets.h"
 
 using namespace qmedtest;
 
