@@ -149,39 +149,6 @@ TEST_F(DaemonIntegration, KillWatchdogAndFileNodes) {
     EXPECT_NE(0, access((dir + "/created").c_str(), F_OK));
 }
 
-TEST_F(DaemonIntegration, QueriesOverBinder) {
-    TestChild busy = TestChild::spawn(TestChild::Kind::Busy, "qmedQueryBusy");
-    ASSERT_TRUE(waitUntil([&] { return qmedtest::procUtime(busy.pid()) > 0; }, 5000));
-    EXPECT_EQ(str(busy.pid()) + "\n", daemon().qmedctl({"pidof", "qmedQueryBusy"}).out);
-    EXPECT_NE(0, daemon().qmedctl({"pidof", "qmedNoSuchProc"}).exitCode);
-    EXPECT_GT(atoi(daemon().qmedctl({"utime", str(busy.pid())}).out.c_str()), 0);
-    EXPECT_FALSE(daemon().qmedctl({"cmdline", str(busy.pid())}).out.empty());
-    EXPECT_TRUE(has(daemon().qmedctl({"cputime", "pid", str(busy.pid())}).out, "qmedQueryBusy"));
-}
-
-TEST_F(DaemonIntegration, ADeadClientThawsAllAndClearsTheMaskWhileOthersKeepWorking) {
-    TestChild frozen = TestChild::spawn(TestChild::Kind::Busy, "qmedDeathFrz");
-    BackgroundTool doomed("qmedctl", {"listen", "1"}, daemon().clientOptions());
-    BackgroundTool survivor("qmedctl", {"listen", "1"}, daemon().clientOptions());
-    ASSERT_TRUE(doomed.waitForLine("listening") && survivor.waitForLine("listening"));
-    ASSERT_EQ(0, daemon().qmedctl({"freeze", str(frozen.pid())}).exitCode);
-    ASSERT_EQ(0, daemon().kmodsim({"clear"}).exitCode);
-    ASSERT_TRUE(waitUntil([&] { return qmedtest::procState(frozen.pid()) != 'R'; }, 3000));
-
-    doomed.kill(SIGKILL);
-    ASSERT_TRUE(daemon().waitForLog("Binder client died !!! do fixing", 3000));
-    EXPECT_TRUE(waitUntil([&] { return qmedtest::procState(frozen.pid()) == 'R'; }, 3000));
-    // The mask goes to the module as 0: TLV 4, 8, 4, 4 and a zero word.
-    EXPECT_TRUE(waitUntil(
-            [&] {
-                return has(daemon().kmodsim({"dump-received"}).out,
-                           "0400000008000000040000000400000000000000");
-            },
-            3000));
-    ASSERT_EQ(0, daemon().kmodsim({"event", "kind", "3", "after-death"}).exitCode);
-    EXPECT_TRUE(survivor.waitForLine("text=\"after-death\""));
-}
-
 TEST(DaemonDump, ShellAndPermissionAreCheckedAndDebugSticks) {
     Daemon d({{}, {}, {}, "d", true, true});
     const std::string grants = d.workDir() + "/grants";
