@@ -1,252 +1,160 @@
-#include <binder/Binder.h>
-#include <binder/BpBinder.h>
 #include <binder/IInterface.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <binder/PermissionCache.h>
 #include <binder/ProcessState.h>
-#include <dirent.h>
+#include <fcntl.h>
+#include <glob.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
+#include <poll.h>
 #include <unistd.h>
 #include <utils/String8.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <fstream>
-#include <mutex>
+#include <atomic>
+#include <sstream>
 #include <thread>
-#include <vector>
 
-#include "tests/platform/TestService.h"
+#include "platform/host/src/Transport.h"
+#include "tests/support/TestService.h"
 #include "tests/support/ToolRunner.h"
 
 using namespace android;
-using namespace platformtest;
+using namespace qmedtest;
+using Words = std::vector<int32_t>;
+
+// The meta-interface macros: asInterface gives the local object or a proxy.
+class IAdder : public IInterface {
+  public:
+    DECLARE_META_INTERFACE(Adder)
+};
+class BpAdder : public BpInterface<IAdder> {
+  public:
+    explicit BpAdder(const sp<IBinder>& impl) : BpInterface<IAdder>(impl) {}
+};
+IMPLEMENT_META_INTERFACE(Adder, "qmed.test.IAdder");
+class Adder : public BnInterface<IAdder> {};
 
 namespace {
+
+class Recipient : public IBinder::DeathRecipient {
+  public:
+    void binderDied(const wp<IBinder>& who) override { mWho = who.promote(), mDied++; }
+    std::atomic<int> mDied{0};
+    sp<IBinder> mWho;
+};
+
+// Transacts `args` as int32s; gives the status, then the reply's int32s.
+Words call(const sp<IBinder>& b, uint32_t code, Words args, uint32_t flags = 0) {
+    Parcel data, reply;
+    for (int32_t a : args) data.writeInt32(a);
+    Words out = {b->transact(code, data, flags ? nullptr : &reply, flags)};
+    while (reply.dataAvail() >= 4 && out.size() < 4) out.push_back(reply.readInt32());
+    return out;
+}
 
 class BinderTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        useUniqueBinderNamespace();
-        mServer = forkTestService("test.svc");
-        ASSERT_GT(mServer, 0);
+        ASSERT_GT(mServer.pid(), 0);
         mService = defaultServiceManager()->checkService(String16("test.svc"));
-        ASSERT_NE(mService, nullptr);
     }
-    void TearDown() override {
-        if (mServer > 0) {
-            kill(mServer, SIGKILL);
-            waitpid(mServer, nullptr, 0);
-        }
-    }
-    int32_t echo(const sp<IBinder>& b, int32_t v) {
-        Parcel data, reply;
-        data.writeInt32(v);
-        EXPECT_EQ(NO_ERROR, b->transact(ECHO_PLUS_ONE, data, &reply));
-        return reply.readInt32();
-    }
-
-    pid_t mServer = -1;
+    ServiceChild mServer{"test.svc"};
     sp<IBinder> mService;
 };
 
-class Recipient : public IBinder::DeathRecipient {
-  public:
-    void binderDied(const wp<IBinder>& who) override {
-        std::lock_guard<std::mutex> l(mLock);
-        mDied++;
-        mWho = who;
-        mAt = std::chrono::steady_clock::now();
-        mCond.notify_all();
-    }
-    bool waitDied(int ms) {
-        std::unique_lock<std::mutex> l(mLock);
-        return mCond.wait_for(l, std::chrono::milliseconds(ms), [&] { return mDied > 0; });
-    }
-    int died() {
-        std::lock_guard<std::mutex> l(mLock);
-        return mDied;
-    }
-    std::mutex mLock;
-    std::condition_variable mCond;
-    int mDied = 0;
-    wp<IBinder> mWho;
-    std::chrono::steady_clock::time_point mAt;
-};
-
 TEST_F(BinderTest, ServiceAddedInOneProcessIsCalledFromAnother) {
-    EXPECT_EQ(42, echo(mService, 41));
     EXPECT_NE(nullptr, mService->remoteBinder());
     EXPECT_EQ(String16(kTestDescriptor), mService->getInterfaceDescriptor());
     EXPECT_EQ(NO_ERROR, mService->pingBinder());
-    Parcel data, reply;
-    EXPECT_EQ(NO_ERROR, mService->transact(GET_PID, data, &reply));
-    EXPECT_EQ(mServer, reply.readInt32());
     // Lookups of the same service give the same proxy object.
     EXPECT_EQ(mService.get(), defaultServiceManager()->checkService(String16("test.svc")).get());
     Vector<String16> names = defaultServiceManager()->listServices();
     ASSERT_EQ(1u, names.size());
     EXPECT_EQ(String16("test.svc"), names[0]);
     EXPECT_EQ(nullptr, defaultServiceManager()->checkService(String16("no.such.svc")));
-}
 
-TEST_F(BinderTest, CallerSeesRealUidAndPid) {
-    Parcel data, reply;
-    ASSERT_EQ(NO_ERROR, mService->transact(WHO_CALLS, data, &reply));
-    EXPECT_EQ(int32_t(getuid()), reply.readInt32());
-    EXPECT_EQ(getpid(), reply.readInt32());
-
-    // A forked child that switched to uid 2000 is seen as 2000, even though its parent had
-    // pooled connections before the fork.
-    int fds[2];
-    ASSERT_EQ(0, pipe(fds));
-    const pid_t child = fork();
-    if (child == 0) {
-        close(fds[0]);
-        if (setgid(2000) != 0 || setuid(2000) != 0) _exit(1);
-        sp<IBinder> svc = defaultServiceManager()->checkService(String16("test.svc"));
-        Parcel d, r;
-        int32_t out[3] = {-1, -1, -1};
-        if (svc != nullptr && svc->transact(WHO_CALLS, d, &r) == NO_ERROR) {
-            out[0] = r.readInt32();
-            out[1] = r.readInt32();
-            out[2] = int32_t(getpid());
-        }
-        _exit(write(fds[1], out, sizeof(out)) == sizeof(out) ? 0 : 1);
+    const int32_t kLimit = 1024 * 1024;
+    const struct {
+        uint32_t code;
+        Words args, want;  // want: status, then the reply's first int32s
+    } rows[] = {
+            {ECHO_PLUS_ONE, {41}, {NO_ERROR, 42}},
+            {FAIL_WITH, {-1}, {-1}},  // a failure status travels back instead of the reply
+            {FAIL_WITH, {5}, {NO_ERROR, 123}},
+            {0x1234, {}, {UNKNOWN_TRANSACTION}},
+            {WHO_CALLS, {}, {NO_ERROR, int32_t(getuid()), getpid()}},
+            {BIG_REPLY, {kLimit}, {NO_ERROR, 0x5a5a5a5a, 0x5a5a5a5a, 0x5a5a5a5a}},
+            {BIG_REPLY, {kLimit + 4}, {FAILED_TRANSACTION}},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EQ(r.want, call(mService, r.code, r.args)) << "code " << r.code;
     }
-    close(fds[1]);
-    int32_t got[3] = {0, 0, 0};
-    ASSERT_EQ(ssize_t(sizeof(got)), read(fds[0], got, sizeof(got)));
-    close(fds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(2000, got[0]);
-    EXPECT_EQ(got[2], got[1]);
-    EXPECT_EQ(child, got[1]);
+    // Requests have the same limit, checked before anything is sent.
+    Parcel big, reply;
+    big.writeInplace(kLimit + 4);
+    EXPECT_EQ(FAILED_TRANSACTION, mService->transact(ECHO_PLUS_ONE, big, &reply));
+    EXPECT_EQ((Words{NO_ERROR, 8}), call(mService, ECHO_PLUS_ONE, {7}));
 }
 
-TEST_F(BinderTest, IdentityOutsideTransactionIsOwnAndClearRestores) {
+TEST_F(BinderTest, CallerSeesRealUidAndPidAlsoInAForkedUid2000Child) {
+    EXPECT_EQ((Words{NO_ERROR, int32_t(getuid()), getpid()}), call(mService, WHO_CALLS, {}));
+    // The parent had pooled connections before the fork; the child must not reuse them.
+    EXPECT_EQ(0, runInChild(2000, [&] {
+                  return call(mService, WHO_CALLS, {}) == Words{NO_ERROR, 2000, getpid()} ? 0 : 1;
+              }));
+
     IPCThreadState* ipc = IPCThreadState::self();
-    EXPECT_EQ(getuid(), ipc->getCallingUid());
-    EXPECT_EQ(getpid(), ipc->getCallingPid());
     ipc->setCallingIdentity(77, 2000);
     const int64_t token = ipc->clearCallingIdentity();
-    EXPECT_EQ(getuid(), ipc->getCallingUid());
+    EXPECT_EQ(Words({int32_t(getuid()), getpid()}),
+              Words({int32_t(ipc->getCallingUid()), ipc->getCallingPid()}));
     ipc->restoreCallingIdentity(token);
-    EXPECT_EQ(2000u, ipc->getCallingUid());
-    EXPECT_EQ(77, ipc->getCallingPid());
-    ipc->setCallingIdentity(getpid(), getuid());
+    EXPECT_EQ(Words({2000, 77}), Words({int32_t(ipc->getCallingUid()), ipc->getCallingPid()}));
 }
 
 TEST_F(BinderTest, BinderSentInParcelIsCalledBackAndComesBackLocal) {
-    sp<EchoBinder> local = new EchoBinder();
+    sp<BBinder> local = newTestService();
     Parcel data, reply;
     data.writeStrongBinder(local);
     data.writeInt32(9);
     ASSERT_EQ(NO_ERROR, mService->transact(CALL_BACK, data, &reply));
-    EXPECT_EQ(10, reply.readInt32());
-    EXPECT_EQ(1, local->calls);
+    EXPECT_EQ(1, reply.readInt32());  // the local object's first record
+    EXPECT_EQ((Words{NO_ERROR, 2, 9 + 1, 0}), call(local, RECORD, {1}));
 
-    Parcel d2, r2;
-    d2.writeStrongBinder(local);
-    ASSERT_EQ(NO_ERROR, mService->transact(RETURN_BINDER, d2, &r2));
-    sp<IBinder> back = r2.readStrongBinder();
-    EXPECT_EQ(static_cast<IBinder*>(local.get()), back.get());
-    EXPECT_NE(nullptr, back->localBinder());
+    // Local, remote, null and interface binders come back as what was sent.
+    sp<Adder> adder = new Adder();
+    for (const sp<IBinder>& sent :
+         {sp<IBinder>(local), mService, sp<IBinder>(), IInterface::asBinder(adder)}) {
+        Parcel d, r;
+        d.writeStrongBinder(sent);
+        ASSERT_EQ(NO_ERROR, mService->transact(RETURN_BINDER, d, &r));
+        sp<IBinder> back;
+        EXPECT_EQ(NO_ERROR, r.readNullableStrongBinder(&back));
+        EXPECT_EQ(sent, back);
+    }
+    EXPECT_EQ(adder.get(), interface_cast<IAdder>(IInterface::asBinder(adder)).get());
+    sp<IAdder> proxy = interface_cast<IAdder>(mService);
+    EXPECT_EQ(mService, IInterface::asBinder(proxy));
+    EXPECT_EQ(String16("qmed.test.IAdder"), proxy->getInterfaceDescriptor());
 
-    // A remote binder sent back to its home is the same proxy here.
-    Parcel d3, r3;
-    d3.writeStrongBinder(mService);
-    ASSERT_EQ(NO_ERROR, mService->transact(RETURN_BINDER, d3, &r3));
-    EXPECT_EQ(mService.get(), r3.readStrongBinder().get());
-
-    // A null binder travels as null.
-    Parcel d4, r4;
-    d4.writeStrongBinder(nullptr);
-    ASSERT_EQ(NO_ERROR, mService->transact(RETURN_BINDER, d4, &r4));
-    sp<IBinder> none;
-    EXPECT_EQ(NO_ERROR, r4.readNullableStrongBinder(&none));
-    EXPECT_EQ(nullptr, none);
+    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new Recipient()));
+    EXPECT_EQ(NO_ERROR, local->pingBinder());
+    EXPECT_TRUE(local->isBinderAlive());
+    EXPECT_EQ(Words{UNKNOWN_TRANSACTION}, call(local, 77, {}));
 }
 
-TEST_F(BinderTest, OneWayCallsAreDeliveredInOrderWithoutReply) {
-    for (int i = 1; i <= 50; i++) {
-        Parcel data;
-        data.writeInt32(i);
-        EXPECT_EQ(NO_ERROR, mService->transact(RECORD, data, nullptr, IBinder::FLAG_ONEWAY));
-    }
-    // A two-way call on the pooled connection is served after the one-way ones.
-    Parcel data, reply;
-    ASSERT_EQ(NO_ERROR, mService->transact(GET_RECORDS, data, &reply));
-    EXPECT_EQ(50, reply.readInt32());
-    EXPECT_EQ(50 * 51 / 2, reply.readInt64());
+TEST_F(BinderTest, OneWayCallsAreDeliveredInOrderBeforeALaterTwoWayCall) {
+    for (int i = 1; i <= 50; i++)
+        EXPECT_EQ(NO_ERROR, call(mService, RECORD, {i}, IBinder::FLAG_ONEWAY)[0]);
+    EXPECT_EQ((Words{NO_ERROR, 51, 50 * 51 / 2, 0}), call(mService, RECORD, {0}));
 }
 
 TEST_F(BinderTest, EightClientThreadsAreServedAtOnce) {
-    constexpr int kThreads = 8;
-    std::vector<int32_t> seen(kThreads, 0);
+    std::vector<Words> seen(8);
     std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; i++) {
-        threads.emplace_back([&, i] {
-            Parcel data, reply;
-            data.writeInt32(kThreads);
-            if (mService->transact(BARRIER, data, &reply) == NO_ERROR) seen[i] = reply.readInt32();
-        });
-    }
+    for (auto& s : seen) threads.emplace_back([&] { s = call(mService, BARRIER, {8}); });
     for (auto& t : threads) t.join();
-    for (int i = 0; i < kThreads; i++) EXPECT_EQ(kThreads, seen[i]) << "thread " << i;
-    // And the connections are reused afterwards.
-    EXPECT_EQ(2, echo(mService, 1));
-}
-
-TEST_F(BinderTest, OneMegabyteReplyWorksAndLargerFailsCleanly) {
-    constexpr int32_t kLimit = 1024 * 1024;
-    Parcel data, reply;
-    data.writeInt32(kLimit);
-    ASSERT_EQ(NO_ERROR, mService->transact(BIG_REPLY, data, &reply));
-    ASSERT_EQ(size_t(kLimit), reply.dataSize());
-    EXPECT_EQ(0x5a, reply.data()[0]);
-    EXPECT_EQ(0x5a, reply.data()[kLimit - 1]);
-
-    Parcel d2, r2;
-    d2.writeInt32(kLimit + 4);
-    EXPECT_EQ(FAILED_TRANSACTION, mService->transact(BIG_REPLY, d2, &r2));
-    EXPECT_EQ(0u, r2.dataSize());
-
-    // Requests have the same limit, checked before anything is sent.
-    Parcel big, r3;
-    big.writeInplace(kLimit + 4);
-    EXPECT_EQ(FAILED_TRANSACTION, mService->transact(ECHO_PLUS_ONE, big, &r3));
-    EXPECT_EQ(8, echo(mService, 7));
-}
-
-TEST_F(BinderTest, NegativeStatusTravelsBackInsteadOfReply) {
-    Parcel data, reply;
-    data.writeInt32(-1);
-    EXPECT_EQ(-1, mService->transact(FAIL_WITH, data, &reply));
-    EXPECT_EQ(0u, reply.dataSize());
-    Parcel d2, r2;
-    EXPECT_EQ(UNKNOWN_TRANSACTION, mService->transact(0x1234, d2, &r2));
-    // A positive status is not an error on the wire.
-    Parcel d3, r3;
-    d3.writeInt32(5);
-    EXPECT_EQ(NO_ERROR, mService->transact(FAIL_WITH, d3, &r3));
-    EXPECT_EQ(123, r3.readInt32());
-}
-
-TEST_F(BinderTest, InterfaceQueryAnswersDescriptorAsBareString16) {
-    Parcel data, reply;
-    ASSERT_EQ(NO_ERROR, mService->transact(IBinder::INTERFACE_TRANSACTION, data, &reply));
-    EXPECT_EQ(String16(kTestDescriptor), reply.readString16());
-    EXPECT_EQ(0u, reply.dataAvail());
-    Parcel d2, r2;
-    EXPECT_EQ(NO_ERROR, mService->transact(IBinder::PING_TRANSACTION, d2, &r2));
-    EXPECT_EQ(0u, r2.dataSize());
+    for (auto& s : seen) EXPECT_EQ((Words{NO_ERROR, 8}), s);
 }
 
 TEST_F(BinderTest, DumpTransactionReachesDumpWithFdAndArgs) {
@@ -257,49 +165,12 @@ TEST_F(BinderTest, DumpTransactionReachesDumpWithFdAndArgs) {
     args.add(String16("x y"));
     ASSERT_EQ(NO_ERROR, mService->dump(fds[1], args));
     close(fds[1]);
-    char buf[128] = {};
-    ASSERT_GT(read(fds[0], buf, sizeof(buf) - 1), 0);
+    EXPECT_EQ("dump debug x y\n", readFile("/proc/self/fd/" + std::to_string(fds[0])));
     close(fds[0]);
-    EXPECT_STREQ("dump debug x y\n", buf);
 }
 
-TEST_F(BinderTest, FileDescriptorTravelsToServer) {
-    char path[] = "/tmp/qmed-fd-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(5, write(fd, "hello", 5));
-    Parcel data, reply;
-    data.writeFileDescriptor(fd);
-    ASSERT_EQ(NO_ERROR, mService->transact(READ_FD, data, &reply));
-    EXPECT_EQ(String8("hello"), reply.readString8());
-    close(fd);
-    unlink(path);
-}
-
-TEST_F(BinderTest, LinkToDeathFiresWhenPeerIsKilled) {
-    sp<Recipient> r = new Recipient();
-    ASSERT_EQ(NO_ERROR, mService->linkToDeath(r));
-    EXPECT_TRUE(mService->isBinderAlive());
-    const auto killedAt = std::chrono::steady_clock::now();
-    ASSERT_EQ(0, kill(mServer, SIGKILL));
-    waitpid(mServer, nullptr, 0);
-    mServer = -1;
-    ASSERT_TRUE(r->waitDied(5000));
-    RecordProperty(
-            "death_notice_us",
-            int(std::chrono::duration_cast<std::chrono::microseconds>(r->mAt - killedAt).count()));
-    EXPECT_EQ(mService.get(), r->mWho.promote().get());
-    EXPECT_FALSE(mService->isBinderAlive());
-    Parcel data, reply;
-    EXPECT_EQ(DEAD_OBJECT, mService->transact(ECHO_PLUS_ONE, data, &reply));
-    EXPECT_EQ(DEAD_OBJECT, mService->linkToDeath(new Recipient()));
-    EXPECT_EQ(nullptr, defaultServiceManager()->checkService(String16("test.svc")));
-    EXPECT_EQ(1, r->died());
-}
-
-TEST_F(BinderTest, UnlinkToDeathStopsTheNotice) {
-    sp<Recipient> kept = new Recipient();
-    sp<Recipient> dropped = new Recipient();
+TEST_F(BinderTest, LinkToDeathFiresWhenPeerIsKilledAndUnlinkStopsIt) {
+    sp<Recipient> kept = new Recipient(), dropped = new Recipient();
     int cookie = 0;
     ASSERT_EQ(NO_ERROR, mService->linkToDeath(kept));
     ASSERT_EQ(NO_ERROR, mService->linkToDeath(dropped, &cookie));
@@ -307,164 +178,17 @@ TEST_F(BinderTest, UnlinkToDeathStopsTheNotice) {
     EXPECT_EQ(NO_ERROR, mService->unlinkToDeath(dropped, &cookie, 0, &out));
     EXPECT_EQ(dropped.get(), out.promote().get());
     EXPECT_EQ(NAME_NOT_FOUND, mService->unlinkToDeath(dropped, &cookie));
-    kill(mServer, SIGKILL);
-    waitpid(mServer, nullptr, 0);
-    mServer = -1;
-    ASSERT_TRUE(kept->waitDied(5000));
-    EXPECT_EQ(0, dropped->died());
+    EXPECT_TRUE(mService->isBinderAlive());
+    mServer.kill();
+    ASSERT_TRUE(waitUntil([&] { return kept->mDied > 0; }, 5000));
+    EXPECT_EQ(mService, kept->mWho);
+    EXPECT_EQ(0, dropped->mDied);
+    EXPECT_FALSE(mService->isBinderAlive());
+    EXPECT_EQ(DEAD_OBJECT, call(mService, ECHO_PLUS_ONE, {1})[0]);
+    EXPECT_EQ(DEAD_OBJECT, mService->linkToDeath(new Recipient()));
     EXPECT_EQ(DEAD_OBJECT, mService->unlinkToDeath(kept));
-}
-
-TEST_F(BinderTest, LocalBinderDefaults) {
-    sp<EchoBinder> local = new EchoBinder();
-    EXPECT_EQ(INVALID_OPERATION, local->linkToDeath(new Recipient()));
-    EXPECT_EQ(NO_ERROR, local->pingBinder());
-    EXPECT_TRUE(local->isBinderAlive());
-    Parcel data, reply;
-    EXPECT_EQ(UNKNOWN_TRANSACTION, local->transact(77, data, &reply));
-    EXPECT_EQ(2, echo(local, 1));
-}
-
-}  // namespace
-
-// The meta-interface macros give asInterface the local object or a proxy.
-class IAdder : public IInterface {
-  public:
-    DECLARE_META_INTERFACE(Adder)
-    virtual int32_t addOne(int32_t v) = 0;
-};
-
-class BpAdder : public BpInterface<IAdder> {
-  public:
-    explicit BpAdder(const sp<IBinder>& impl) : BpInterface<IAdder>(impl) {}
-    int32_t addOne(int32_t v) override {
-        Parcel data, reply;
-        data.writeInterfaceToken(IAdder::getInterfaceDescriptor());
-        data.writeInt32(v);
-        if (remote()->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply) != NO_ERROR) {
-            return -1;
-        }
-        if (reply.readExceptionCode() != 0) return -2;
-        return reply.readInt32();
-    }
-};
-
-IMPLEMENT_META_INTERFACE(Adder, "qmed.test.IAdder");
-
-class Adder : public BnInterface<IAdder> {
-  public:
-    int32_t addOne(int32_t v) override { return v + 1; }
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
-        if (code != IBinder::FIRST_CALL_TRANSACTION) {
-            return BBinder::onTransact(code, data, reply, flags);
-        }
-        CHECK_INTERFACE(IAdder, data, reply);
-        reply->writeNoException();
-        reply->writeInt32(addOne(data.readInt32()));
-        return NO_ERROR;
-    }
-};
-
-namespace {
-
-TEST_F(BinderTest, MetaInterfaceGivesLocalObjectOrProxy) {
-    sp<Adder> impl = new Adder();
-    sp<IAdder> local = interface_cast<IAdder>(IInterface::asBinder(impl));
-    EXPECT_EQ(impl.get(), local.get());
-    EXPECT_EQ(String16("qmed.test.IAdder"), IAdder::descriptor);
-
-    // Sent through the server and back it is local again; a proxy over a foreign binder
-    // carries calls with the interface token.
-    sp<IBinder> viaServer;
-    {
-        Parcel data, reply;
-        data.writeStrongBinder(IInterface::asBinder(impl));
-        ASSERT_EQ(NO_ERROR, mService->transact(RETURN_BINDER, data, &reply));
-        viaServer = reply.readStrongBinder();
-    }
-    EXPECT_EQ(impl.get(), interface_cast<IAdder>(viaServer).get());
-    sp<IAdder> proxy = new BpAdder(IInterface::asBinder(impl));
-    EXPECT_EQ(8, proxy->addOne(7));
-    sp<IAdder> wrong = interface_cast<IAdder>(mService);
-    ASSERT_NE(nullptr, wrong);
-    EXPECT_NE(static_cast<IAdder*>(impl.get()), wrong.get());
-}
-
-TEST(PermissionCacheTest, RootAndOwnPidAlwaysOthersFromGrantsFile) {
-    const String16 perm("android.permission.DUMP");
-    unsetenv("QMED_PERMISSION_FILE");
-    EXPECT_TRUE(PermissionCache::checkPermission(perm, 1, 0));
-    EXPECT_TRUE(PermissionCache::checkPermission(perm, getpid(), 1000));
-    EXPECT_FALSE(PermissionCache::checkPermission(perm, 1, 1000));
-
-    char path[] = "/tmp/qmed-perm-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::ofstream(path) << "# grants\n\nandroid.permission.DUMP 1000\nother.PERM 2000\n";
-    setenv("QMED_PERMISSION_FILE", path, 1);
-    EXPECT_TRUE(PermissionCache::checkPermission(perm, 1, 1000));
-    EXPECT_FALSE(PermissionCache::checkPermission(perm, 1, 2000));
-    EXPECT_TRUE(PermissionCache::checkPermission(String16("other.PERM"), 1, 2000));
-    EXPECT_FALSE(PermissionCache::checkPermission(String16("android.permission"), 1, 1000));
-    // Re-read on every check.
-    std::ofstream(path) << "android.permission.DUMP 2000\n";
-    EXPECT_FALSE(PermissionCache::checkPermission(perm, 1, 1000));
-    EXPECT_TRUE(PermissionCache::checkPermission(perm, 1, 2000));
-    unsetenv("QMED_PERMISSION_FILE");
-    unlink(path);
-}
-
-pid_t poolThreadTid() {
-    DIR* dir = opendir("/proc/self/task");
-    pid_t found = 0;
-    while (struct dirent* e = dir ? readdir(dir) : nullptr) {
-        std::ifstream in(std::string("/proc/self/task/") + e->d_name + "/comm");
-        std::string comm;
-        std::getline(in, comm);
-        if (comm.compare(0, 7, "binder:") == 0) found = pid_t(atoi(e->d_name));
-    }
-    if (dir) closedir(dir);
-    return found;
-}
-
-TEST(ProcessStateTest, ForkedServerOfStartedProcessStillGrowsItsPool) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer stops children that start threads after a threaded fork";
-#endif
-    const char* emulator = getenv("QMED_EMULATOR");
-    if (emulator != nullptr && *emulator != '\0') {
-        GTEST_SKIP() << "qemu-user aborts children that start threads after a threaded fork";
-    }
-    useUniqueBinderNamespace();
-    ProcessState::self()->startThreadPool();
-    // Fork only once the pool thread sleeps: a thread still starting up may hold the
-    // allocator's lock, which the child would inherit held.
-    ASSERT_TRUE(qmedtest::waitUntil(
-            [] {
-                std::ifstream in("/proc/self/task/" + std::to_string(poolThreadTid()) + "/wchan");
-                std::string wchan;
-                in >> wchan;
-                return wchan == "do_epoll_wait";
-            },
-            5000));
-    const pid_t server = forkTestService("forked.svc");
-    ASSERT_GT(server, 0);
-    sp<IBinder> svc = defaultServiceManager()->checkService(String16("forked.svc"));
-    ASSERT_NE(nullptr, svc);
-    std::vector<int32_t> seen(4, 0);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) {
-        threads.emplace_back([&, i] {
-            Parcel data, reply;
-            data.writeInt32(4);
-            if (svc->transact(BARRIER, data, &reply) == NO_ERROR) seen[i] = reply.readInt32();
-        });
-    }
-    for (auto& t : threads) t.join();
-    for (int i = 0; i < 4; i++) EXPECT_EQ(4, seen[i]) << "thread " << i;
-    kill(server, SIGKILL);
-    waitpid(server, nullptr, 0);
+    EXPECT_EQ(nullptr, defaultServiceManager()->checkService(String16("test.svc")));
+    EXPECT_EQ(1, kept->mDied);
 }
 
 TEST(ProcessStateTest, ThreadPoolDefaultsToFifteenAndRecordsStart) {
@@ -474,6 +198,187 @@ TEST(ProcessStateTest, ThreadPoolDefaultsToFifteenAndRecordsStart) {
     EXPECT_TRUE(ProcessState::self()->isThreadPoolStarted());
     EXPECT_EQ(NO_ERROR, ProcessState::self()->setThreadPoolMaxThreadCount(4));
     EXPECT_EQ(4u, ProcessState::self()->getThreadPoolMaxTotalThreadCount());
+}
+
+TEST(ProcessStateTest, ForkedServerOfStartedProcessStillGrowsItsPool) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer stops children that start threads after a threaded fork";
+#endif
+    if (!emulatorPrefix().empty()) {
+        GTEST_SKIP() << "qemu-user aborts children that start threads after a threaded fork";
+    }
+    useUniqueBinderNamespace();
+    ProcessState::self()->startThreadPool();
+    // Fork only once the pool thread sleeps: a thread still starting up may hold the
+    // allocator's lock, which the child would inherit held.
+    ASSERT_TRUE(waitUntil(
+            [] {
+                glob_t g;
+                bool asleep = false;
+                glob("/proc/self/task/*", 0, nullptr, &g);
+                for (size_t i = 0; i < g.gl_pathc; i++) {
+                    const std::string task = g.gl_pathv[i];
+                    asleep |= readFile(task + "/comm").rfind("binder:", 0) == 0 &&
+                              readFile(task + "/wchan") == "do_epoll_wait";
+                }
+                globfree(&g);
+                return asleep;
+            },
+            5000));
+    ServiceChild server("forked.svc");
+    sp<IBinder> svc = defaultServiceManager()->checkService(String16("forked.svc"));
+    ASSERT_NE(nullptr, svc);
+    std::vector<Words> seen(4);
+    std::vector<std::thread> threads;
+    for (auto& s : seen) threads.emplace_back([&] { s = call(svc, BARRIER, {4}); });
+    for (auto& t : threads) t.join();
+    for (auto& s : seen) EXPECT_EQ((Words{NO_ERROR, 4}), s);
+}
+
+// Hostile peers writing raw bytes at the service: each bad message fails alone and the
+// process goes on serving everyone else.
+TEST_F(BinderTest, MalformedTransportInputFailsOnlyItsOwnMessage) {
+    using namespace android::hostbinder;
+    const uint64_t target = mService->remoteBinder()->objectId();
+    auto header = [&](uint32_t code, uint32_t dataSize) {
+        return WireHeader{kWireMagic, WIRE_TRANSACTION, target, code, 0, 0, dataSize};
+    };
+    auto expectServing = [&] {
+        EXPECT_EQ((Words{NO_ERROR, 100}), call(mService, ECHO_PLUS_ONE, {99}));
+    };
+    const struct {
+        const char* what;
+        size_t headerBytes;  // written of the header below, then `junk` bytes of 0xee
+        WireHeader h;
+        size_t junk;
+        int32_t status;  // of the error reply; 1 for none
+        bool closed;     // the server hangs up within the wait
+    } rows[] = {
+            {"truncated header, peer gone", 10, header(ECHO_PLUS_ONE, 0), 0, 1, false},
+            {"truncated header, peer stalls", 10, header(ECHO_PLUS_ONE, 0), 0, 1, true},
+            {"oversized length", 48, header(ECHO_PLUS_ONE, kMaxTransactionData + 4), 0, BAD_VALUE,
+             true},
+            {"too many objects", 48,
+             [&] {
+                 auto h = header(1, 0);
+                 h.objCount = kMaxObjects + 1;
+                 return h;
+             }(),
+             0, BAD_VALUE, true},
+            {"peer gone mid-data", 48, header(ECHO_PLUS_ONE, 4096), 100, 1, false},
+            {"garbage header", 0, header(0, 0), 64, 1, true},
+            {"unknown object", 48,
+             [&] {
+                 auto h = header(1, 0);
+                 h.target = 424242;
+                 return h;
+             }(),
+             0, DEAD_OBJECT, false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        const int fd = connectAbstract(Transport::serviceSocketName("test.svc"));
+        ASSERT_GE(fd, 0);
+        std::string bytes(reinterpret_cast<const char*>(&r.h), r.headerBytes);
+        bytes.append(r.junk, '\xee');
+        ASSERT_EQ(ssize_t(bytes.size()), write(fd, bytes.data(), bytes.size()));
+        expectServing();
+        Message m;
+        if (r.status != 1) {
+            ASSERT_EQ(NO_ERROR, recvMessage(fd, &m));
+            EXPECT_EQ(uint32_t(WIRE_REPLY), m.hdr.kind);
+            EXPECT_EQ(r.status, m.hdr.status);
+        }
+        struct pollfd p = {fd, POLLIN, 0};
+        if (r.closed) EXPECT_TRUE(poll(&p, 1, 10000) == 1 && read(fd, bytes.data(), 1) <= 0);
+        close(fd);
+        expectServing();
+    }
+
+    // Bad object references fail one transaction; the same connection carries good calls.
+    const int fd = connectAbstract(Transport::serviceSocketName("test.svc"));
+    const std::string ep = mService->remoteBinder()->endpoint();
+    const struct {
+        const char* what;
+        WireObject obj;
+        std::string name;
+    } objs[] = {
+            {"unknown object in its own process", {0, WIRE_OBJ_BINDER, 999999}, ep},
+            {"object slot past the data", {8, WIRE_OBJ_BINDER, 1}, ep},
+            {"misaligned slot", {2, WIRE_OBJ_BINDER, 1}, ep},
+            {"fd that was not sent", {0, WIRE_OBJ_FD, 0}, ""},
+            {"unknown object type", {0, 77, 1}, ep},
+            {"endpoint outside the namespace", {0, WIRE_OBJ_BINDER, 1}, "elsewhere/x"},
+            {"good call", {}, ""},
+    };
+    for (const auto& o : objs) {
+        WireObject obj = o.obj;
+        obj.nameLen = uint32_t(o.name.size());
+        std::string tail(reinterpret_cast<const char*>(&obj), sizeof(obj));
+        tail += o.name + std::string((4 - o.name.size() % 4) % 4, '\0');
+        WireHeader h = header(obj.type ? RETURN_BINDER : ECHO_PLUS_ONE, 24);
+        h.objCount = obj.type ? 1 : 0;
+        h.tailSize = obj.type ? uint32_t(tail.size()) : 0;
+        const std::vector<uint8_t> data(24, 0);
+        Message m;
+        ASSERT_EQ(NO_ERROR, sendMessage(fd, h, data.data(), obj.type ? tail : "", {})) << o.what;
+        ASSERT_EQ(NO_ERROR, recvMessage(fd, &m)) << o.what;
+        EXPECT_EQ(obj.type ? BAD_VALUE : NO_ERROR, m.hdr.status) << o.what;
+    }
+    close(fd);
+}
+
+TEST_F(BinderTest, ServerDyingMidCallFailsTheCall) {
+    std::thread killer([&] {
+        usleep(100 * 1000);
+        mServer.kill();
+    });
+    EXPECT_EQ(DEAD_OBJECT, call(mService, BARRIER, {3})[0]);
+    killer.join();
+}
+
+TEST_F(BinderTest, ServiceToolPrintsRepliesInPlatformForm) {
+    const std::string file = "/tmp/qmed-svc-fd-" + std::to_string(getpid());
+    ASSERT_TRUE(writeFile(file, "abc"));
+    const struct {
+        std::string args;
+        int status;
+        std::string out, err;  // a text not ending in a newline need only be part of it
+    } rows[] = {
+            // The interface token's strict-mode word is what ECHO_PLUS_ONE reads.
+            {"call test.svc 1 i32 41", 0, "Result: Parcel(80000001    '....')\n", ""},
+            {"call test.svc 12 i32 42", 0, "Result: Parcel(00000000 0000002a   '....*...')\n", ""},
+            {"call test.svc 12 i32 1 i64 -2 s16 hi f 1.5 d 2.5 null", 0,
+             "Result: Parcel(\n"
+             "  0x00000000: 00000000 00000001 fffffffe ffffffff '................'\n"
+             "  0x00000010: 00000002 00690068 00000000 3fc00000 '....h.i........?'\n"
+             "  0x00000020: 00000000 40040000 73622a85 00000000 '.......@.*bs....'\n"
+             "  0x00000030: 00000000 00000000 00000000 00000000 '................')\n",
+             ""},
+            {"call test.svc 12 fd " + file, 0, "Result: Parcel(\n  0x00000000: 00000000 66642a85",
+             ""},
+            {"call test.svc 999", 0, "Result: Parcel(NULL)\n", "status: -74\n"},
+            {"call test.svc 9 i32 -1", 0, "Result: Parcel(NULL)\n", "status: -1\n"},
+            {"call test.svc 12 fd /nonexistent/file", 10, "Usage: service",
+             "service: could not open '/nonexistent/file'"},
+            {"call test.svc 1 bogus 3", 10, "Usage: service", "service: unknown option bogus"},
+            {"call no.such 1", 10, "", "service: Service no.such does not exist\n"},
+            {"list", 0, "Found 1 services:\n0\ttest.svc: [qmed.test.ITestService]\n", ""},
+            {"check test.svc", 0, "Service test.svc: found\n", ""},
+            {"check no.such", 0, "Service no.such: not found\n", ""},
+    };
+    auto match = [](const std::string& want, const std::string& got) {
+        return want.empty() || want.back() == '\n' ? got == want : got.find(want) != std::string::npos;
+    };
+    for (const auto& r : rows) {
+        std::vector<std::string> argv;
+        std::istringstream in(r.args);
+        for (std::string word; in >> word;) argv.push_back(word);
+        const ToolResult t = runTool("service", argv);
+        EXPECT_EQ(r.status, t.exitCode) << r.args;
+        EXPECT_TRUE(match(r.out, t.out) && match(r.err, t.err)) << r.args << "\n" << t.out << t.err;
+    }
+    unlink(file.c_str());
 }
 
 }  // namespace

@@ -1,0 +1,140 @@
+#include "tests/support/TestService.h"
+
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utils/String8.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "tests/support/ToolRunner.h"
+
+using namespace android;
+
+namespace qmedtest {
+namespace {
+
+class TestService : public BBinder {
+  public:
+    const String16& getInterfaceDescriptor() const override { return mDescriptor; }
+
+    status_t dump(int fd, const Vector<String16>& args) override {
+        std::string text = "dump";
+        for (size_t i = 0; i < args.size(); i++) text += " " + std::string(String8(args[i]));
+        return ::write(fd, (text + "\n").data(), text.size() + 1) > 0 ? NO_ERROR : UNKNOWN_ERROR;
+    }
+
+  protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        IPCThreadState* ipc = IPCThreadState::self();
+        std::unique_lock<std::mutex> l(mLock, std::defer_lock);
+        switch (code) {
+            case ECHO_PLUS_ONE:
+                return reply->writeInt32(data.readInt32() + 1);
+            case WHO_CALLS:
+                reply->writeInt32(int32_t(ipc->getCallingUid()));
+                return reply->writeInt32(ipc->getCallingPid());
+            case CALL_BACK: {
+                sp<IBinder> cb = data.readStrongBinder();
+                Parcel in, out;
+                in.writeInt32(data.readInt32());
+                const status_t err = cb ? cb->transact(RECORD, in, &out) : BAD_VALUE;
+                return err ? err : reply->appendFrom(&out, 0, out.dataSize());
+            }
+            case RETURN_BINDER:
+                return reply->writeStrongBinder(data.readStrongBinder());
+            case RECORD:
+                l.lock();
+                mSum += data.readInt32();
+                reply->writeInt32(++mCount);
+                return reply->writeInt64(mSum);
+            case BIG_REPLY: {
+                const int32_t size = data.readInt32();
+                void* p = size < 0 ? nullptr : reply->writeInplace(size_t(size));
+                return p != nullptr ? (memset(p, 0x5a, size_t(size)), NO_ERROR) : NO_MEMORY;
+            }
+            case BARRIER: {
+                const int parties = data.readInt32();
+                l.lock();
+                mMaxInside = std::max(mMaxInside, ++mInside);
+                mCond.notify_all();
+                // Liveness bound only: a serial server never lets the others in.
+                mCond.wait_for(l, std::chrono::seconds(5), [&] { return mMaxInside >= parties; });
+                mInside--;
+                return reply->writeInt32(mMaxInside);
+            }
+            case FAIL_WITH:
+                reply->writeInt32(123);  // must not reach the caller on failure
+                data.setDataPosition(data.dataSize() - 4);
+                return data.readInt32();
+            case TOKEN_ECHO:
+                if (!data.checkInterface(this)) return PERMISSION_DENIED;
+                reply->writeNoException();
+                return reply->appendFrom(&data, data.dataPosition(), data.dataAvail());
+            default:
+                return BBinder::onTransact(code, data, reply, flags);
+        }
+    }
+
+  private:
+    const String16 mDescriptor{kTestDescriptor};
+    std::mutex mLock;
+    std::condition_variable mCond;
+    int mCount = 0, mInside = 0, mMaxInside = 0;
+    int64_t mSum = 0;
+};
+
+}  // namespace
+
+sp<BBinder> newTestService() {
+    return new TestService();
+}
+
+void useUniqueBinderNamespace() {
+    // One per test process: its endpoint keeps the namespace it was created in.
+    static const std::string ns = "ptest-" + std::to_string(getpid());
+    setenv("BINDER_HOST_NS", ns.c_str(), 1);
+}
+
+ServiceChild::ServiceChild(const std::string& name) {
+    useUniqueBinderNamespace();
+    const String16 name16(name.c_str());
+    mPid = fork();
+    if (mPid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (defaultServiceManager()->addService(name16, newTestService()) != NO_ERROR) _exit(2);
+        ProcessState::self()->startThreadPool();
+        for (;;) pause();
+    }
+    // Waits a bounded while for a service that is still starting.
+    if (defaultServiceManager()->getService(name16) == nullptr) kill();
+}
+
+void ServiceChild::kill() {
+    if (mPid > 0 && ::kill(mPid, SIGKILL) == 0) waitpid(mPid, nullptr, 0);
+    mPid = -1;
+}
+
+int runInChild(uid_t uid, const std::function<int()>& fn, int timeoutMs) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (uid != 0 && (setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
+        _exit(fn());
+    }
+    int status = -1;
+    if (pid > 0 && !waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs)) {
+        ::kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace qmedtest
