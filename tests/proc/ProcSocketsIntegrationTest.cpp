@@ -39,7 +39,10 @@ class ProcQueries : public ::testing::Test {
         ASSERT_TRUE(sDaemon->start()) << sDaemon->log();
         setenv("BINDER_HOST_NS", sDaemon->binderNs().c_str(), 1);
     }
-    static void TearDownTestSuite() { delete sDaemon; }
+    static void TearDownTestSuite() {
+        delete sDaemon;
+        setenv("BINDER_HOST_NS", sBaseNs.c_str(), 1);  // the next daemon derives its own again
+    }
     void TearDown() override { EXPECT_TRUE(sDaemon->running()) << sDaemon->log(); }
 
     // Sends code with an optional name and the ints; the reply past its status word.
@@ -64,6 +67,7 @@ class ProcQueries : public ::testing::Test {
         return reply.readInt32();
     }
     static inline Daemon* sDaemon = nullptr;
+    static inline const std::string sBaseNs = getenv("BINDER_HOST_NS");
 };
 
 }  // namespace
@@ -77,6 +81,7 @@ TEST_F(ProcQueries, CpuTimeRecordsOfRealChildren) {
     for (TestChild* c : {&blank, &idle, &paren, &sys}) {
         if (c != &idle) waitUntil([&] { return procCpuTicks(c->pid()) > 0; }, 5000);
         c->kill(SIGSTOP);
+        waitUntil([&] { return procState(c->pid()) == 'T'; }, 5000);
         if (procCpuTicks(c->pid()) == 0) continue;  // left out
         want += std::string(want.empty() ? "" : "\t") + (c == &sys ? "1000\t" : "0\t") +
                 std::to_string(procCpuTicks(c->pid())) + "\t" +
