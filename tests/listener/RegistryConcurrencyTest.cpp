@@ -2,76 +2,60 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "freezer/Freezer.h"
 #include "limiter/Spear.h"
 #include "listener/IQmedBinderListenerService.h"
-#include "tests/listener/FakeListener.h"
+#include "tests/support/HubWire.h"
 
-using android::sp;
-using android::String16;
-using android::String8;
-using android::Vector;
-
+namespace qmedtest {
 namespace {
 
 TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
-    sp<Freezer> freezer = new Freezer(String8("/nonexistent/qmed-registry-concurrency"));
-    sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(freezer, nullptr);
-    sp<FakeListener> steady = new FakeListener();
+    android::sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(
+            new Freezer(android::String8("/nonexistent/qmed-registry-concurrency")), nullptr);
+    android::sp<RecordingListener> steady = new RecordingListener();
     ASSERT_EQ(0, registry->registerListener(steady, 0x20000007));
-
-    constexpr int kEvents = 400;
     std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    // Kernel-state posters, as the hub thread does, with binder-call events too.
-    for (int t = 0; t < 2; t++) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kEvents; i++) {
-                std::vector<unsigned char> p =
-                        i % 2 ? kstatePayload(3, "event " + std::to_string(i))
-                              : kstatePayload(16, "[TPID " + std::to_string(100 + i) +
-                                                          " CALLED][PID " + std::to_string(t) +
-                                                          "]");
-                registry->handleMessage(1, Message{reinterpret_cast<intptr_t>(p.data()),
-                                                   static_cast<intptr_t>(p.size())});
+    std::vector<std::thread> posters;
+    // Kernel-state posters as the hub thread, binder calls among them, and release notices
+    // as the limiter loop posts them.
+    for (int t = 0; t < 3; t++) {
+        posters.emplace_back([&, t] {
+            for (int i = 0; i < 400; i++) {
+                std::string call = "[TPID " + std::to_string(100 + i) + " CALLED][PID 7]";
+                Bytes p = eventPayload(i % 2 ? 3 : 16, i % 2 ? "event" : call);
+                registry->handleMessage(t == 2 ? 4 : 1,
+                                        t == 2 ? Message{i, reinterpret_cast<intptr_t>("low")}
+                                               : Message{reinterpret_cast<intptr_t>(p.data()),
+                                                         static_cast<intptr_t>(p.size())});
             }
         });
     }
-    // Release notices, as the limiter loop posts them.
-    threads.emplace_back([&] {
-        for (int i = 0; i < kEvents; i++) {
-            registry->handleMessage(4, Message{i, reinterpret_cast<intptr_t>("low_rate")});
-        }
-    });
-    // Clients coming and going, and dumps.
-    threads.emplace_back([&] {
+    std::thread clients([&] {  // coming and going, and dumps
+        android::Vector<android::String16> args;
         while (!stop.load()) {
-            sp<FakeListener> transient = new FakeListener();
+            android::sp<RecordingListener> transient = new RecordingListener();
             registry->registerListener(transient, 0x3FFFFFFF);
+            registry->dump(-1, args);
             registry->clearDeadListeners(android::IInterface::asBinder(transient));
             registry->registerListener(transient, 1);
             registry->unregisterListener(transient);
         }
     });
-    threads.emplace_back([&] {
-        Vector<String16> args;
-        while (!stop.load()) registry->dump(-1, args);
-    });
-    for (int i = 0; i < 3; i++) threads[i].join();
+    for (std::thread& t : posters) t.join();
     stop.store(true);
-    for (size_t i = 3; i < threads.size(); i++) threads[i].join();
-
-    // Every plain event reached the steady listener; binder calls from non-system callers
-    // to unfrozen targets did not.
-    EXPECT_EQ(static_cast<size_t>(kEvents), steady->kstateCount());
+    clients.join();
+    // Every plain event arrived; binder calls from other callers to unfrozen targets did not.
+    EXPECT_EQ(400u, steady->kstateCalls().size());
     EXPECT_EQ(1u, registry->listenerCount());
-    std::lock_guard<std::mutex> lock(steady->mLock);
-    EXPECT_EQ(static_cast<size_t>(kEvents), steady->released.size());
+    std::vector<std::string> others = steady->otherCalls();
+    auto released = [](const std::string& s) { return s.rfind("release", 0) == 0; };
+    EXPECT_EQ(400, std::count_if(others.begin(), others.end(), released));
 }
 
 }  // namespace
+}  // namespace qmedtest
