@@ -2,12 +2,9 @@
 
 #include <binder/IInterface.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "limiter/ProcessLimiter.h"
 #include "listener/IQmedBinderListener.h"
@@ -27,11 +24,6 @@ class DrivenLimiter : public ProcessLimiter {
     using ProcessLimiter::computeGroupLoad;
     using ProcessLimiter::mCpuCount;
     using ProcessLimiter::mGroups;
-    using ProcessLimiter::mLoopRunning;
-    using ProcessLimiter::mLoopStart;
-    using ProcessLimiter::mSelfGroup;
-    using ProcessLimiter::reportProcGroup;
-    using ProcessLimiter::reportQmedState;
     using ProcessLimiter::spearCycle;
 
     void update() {
@@ -81,23 +73,6 @@ class FakeProc {
     }
     char tmpl[32] = "/tmp/limiter-proc-XXXXXX";
     std::string root = mkdtemp(tmpl);
-};
-
-// A thread of this process (not a group leader) while it lives.
-struct SideThread {
-    std::atomic<int> tid{0};
-    std::atomic<bool> done{false};
-    std::thread t{[this] {
-        tid = static_cast<int>(syscall(SYS_gettid));
-        while (!done) usleep(1000);
-    }};
-    SideThread() {
-        waitUntil([this] { return tid != 0; }, 3000);
-    }
-    ~SideThread() {
-        done = true;
-        t.join();
-    }
 };
 
 // Records release notices; hold(true) blocks the callback like a stuck client.
