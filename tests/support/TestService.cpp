@@ -109,12 +109,30 @@ ServiceChild::ServiceChild(const std::string& name) {
     mPid = fork();
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &term, nullptr);  // inherited by the pool threads
         if (defaultServiceManager()->addService(name16, newTestService()) != NO_ERROR) _exit(2);
         ProcessState::self()->startThreadPool();
-        for (;;) pause();
+        int sig = 0;
+        sigwait(&term, &sig);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        _exit(0);  // no leak or race checks on a process torn down under its running pool
+#else
+        exit(0);  // writes the profile of the service side in coverage builds
+#endif
     }
     // Waits a bounded while for a service that is still starting.
     if (defaultServiceManager()->getService(name16) == nullptr) kill();
+}
+
+ServiceChild::~ServiceChild() {
+    if (mPid > 0 && ::kill(mPid, SIGTERM) == 0 &&
+        waitUntil([&] { return waitpid(mPid, nullptr, WNOHANG) == mPid; }, 3000)) {
+        mPid = -1;
+    }
+    kill();
 }
 
 void ServiceChild::kill() {

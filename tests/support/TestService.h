@@ -30,13 +30,13 @@ android::sp<android::BBinder> newTestService();
 void useUniqueBinderNamespace();
 
 // The test service registered as `name` by a forked child with a started thread pool;
-// killed and reaped on destruction.
+// stopped (SIGTERM, then SIGKILL) and reaped on destruction.
 class ServiceChild {
   public:
     explicit ServiceChild(const std::string& name);
-    ~ServiceChild() { kill(); }
+    ~ServiceChild();
     pid_t pid() const { return mPid; }  // -1 when it did not come up
-    void kill();
+    void kill();                        // SIGKILL, as a crash would
 
   private:
     pid_t mPid = -1;
