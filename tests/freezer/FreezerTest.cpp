@@ -26,12 +26,14 @@ class FreezerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_FALSE(mRoot.path.empty()) << "no writable cgroup-v1 freezer hierarchy";
+        bDebug = true;  // the debug paths must hold up too
         mFreezer = new Freezer(root(), [] { return gNow.load(); });
+        ASSERT_TRUE(mFreezer->isFrzInited());
         for (auto& kid : mKids) kid = TestChild::spawn(TestChild::Kind::Busy);
         int gone = TestChild::spawn(TestChild::Kind::Sleep).pid();
         mPids = {{A, mKids[0].pid()}, {B, mKids[1].pid()}, {SELF, getpid()}, {GONE, gone}};
     }
-    void TearDown() override { vp_type = 0; }
+    void TearDown() override { vp_type = 0, bDebug = false; }
     int pid(int p) { return mPids.count(p) != 0 ? mPids[p] : p; }
     int run(int cmd, std::vector<int> list) {
         for (int& p : list) p = pid(p);
@@ -90,21 +92,35 @@ TEST_F(FreezerTest, CommandListAndBinderCallRows) {
         EXPECT_EQ(rows[i].ret, run(rows[i].cmd, rows[i].list));
         EXPECT_EQ(rows[i].held.size(), mFreezer->frozenCount());
         EXPECT_EQ(20u - rows[i].held.size(), mFreezer->getGroupPool()->freeCount());
-        for (int p : rows[i].held) EXPECT_TRUE(mFreezer->isFreezed(pid(p))) << p;
+        for (int p : rows[i].held) {
+            EXPECT_TRUE(mFreezer->isFreezed(pid(p)) && !mFreezer->groupNameOf(pid(p)).isEmpty());
+        }
         ASSERT_EQ(0, run(3, {0}));
     }
     tid = -1;
     thread.join();
     EXPECT_EQ(-1, mFreezer->freezeProcess(3, nullptr, 1));
     EXPECT_EQ(-1, mFreezer->freezeProcess(3, &mPids[A], 0));
-    // The newer call, in the second buffer, wins over the older one in the first.
+    // Calls are kept in two buffers of 31: B's call is forgotten once the 62nd other call
+    // switches back to its buffer.
     mFreezer->recordBinderCallTime(7777, pid(B));
-    for (int i = 0; i < 30; i++) mFreezer->recordBinderCallTime(7777, 100000 + i);
+    for (int i = 0; i < 62; i++) {
+        EXPECT_EQ(-1, run(1, {A, B, -1})) << i;
+        mFreezer->recordBinderCallTime(7777, 100000 + i);
+    }
+    EXPECT_EQ(0, run(1, {A, B, -1}));
+    ASSERT_EQ(0, run(3, {0}));
+    // The newer call, in the current buffer, wins over the older one in the other.
+    mFreezer->recordBinderCallTime(7777, pid(B));
+    for (int i = 0; i < 29; i++) mFreezer->recordBinderCallTime(7777, 200000 + i);
     mFreezer->recordBinderCallTime(pid(A), pid(B));
     EXPECT_EQ(0, run(1, {A, B, -1}));
+    // Called alone, freezePid refuses the daemon's own pid.
+    android::Mutex::Autolock lock(mFreezer->lockForTest());
+    EXPECT_FALSE(mFreezer->freezePid(getpid(), false));
 }
 
-TEST_F(FreezerTest, ForcedThawAllProceedsWhileAnotherThreadHoldsTheLockThenUninit) {
+TEST_F(FreezerTest, ForcedThawAllProceedsWhileAnotherThreadHoldsTheLock) {
     ASSERT_EQ(0, run(1, {A, B, -1}));
     ASSERT_TRUE(waitFrozen(mRoot.path, pid(A)) && waitFrozen(mRoot.path, pid(B)));
     std::atomic<bool> held{false}, release{false}, done{false};
@@ -122,19 +138,14 @@ TEST_F(FreezerTest, ForcedThawAllProceedsWhileAnotherThreadHoldsTheLockThenUnini
     EXPECT_TRUE(doneWhileHeld);
     EXPECT_EQ(20u, mFreezer->getGroupPool()->freeCount());
     EXPECT_TRUE(waitThawed(mRoot.path, pid(A)) && progresses(pid(A)));
-    // Uninit removes every group, thawing what it held; later calls do nothing.
+    // Uninit removes every group, thawing what it held.
     ASSERT_EQ(0, run(1, {B, -1}));
     ASSERT_TRUE(waitFrozen(mRoot.path, pid(B)));
     mFreezer->uninitFrz();
-    EXPECT_TRUE(frzGroups(mRoot.path, "").empty());
-    EXPECT_TRUE(progresses(pid(B)));
-    EXPECT_EQ(-1, run(1, {B, -1}));
-    mFreezer->recordBinderCallTime(7777, pid(B));
-    android::Mutex::Autolock lock(mFreezer->lockForTest());
-    EXPECT_EQ(nullptr, mFreezer->getLastBinderCallInfo(pid(B)));
+    EXPECT_TRUE(frzGroups(mRoot.path).empty() && progresses(pid(B)));
 }
 
-TEST_F(FreezerTest, GroupsAndPoolRefuseWhatTheyCannotDo) {
+TEST_F(FreezerTest, GroupsRefuseWhatTheyCannotDo) {
     sp<CGroup> g = new CGroup(String8("g1"), root());
     String8 state("freezer.state");
     mode_t oldMask = umask(022);
@@ -156,47 +167,62 @@ TEST_F(FreezerTest, GroupsAndPoolRefuseWhatTheyCannotDo) {
     EXPECT_TRUE(g->setCGroup(state, String8("THAWED")) && g->deleteCGroup());
     EXPECT_TRUE(waitThawed(mRoot.path, pid(A)) && waitThawed(mRoot.path, pid(B)));
     EXPECT_FALSE(g->deleteCGroup());
-    vp_type = 9;  // so its start-up spares the freezer's groups
-    sp<GroupPool> none = new GroupPool(1, root(), String8("/nonexistent"));
-    EXPECT_TRUE(!none->createGroupPool() && none->getGroup() == nullptr);
 }
 
-TEST_F(FreezerTest, PoolGrowsPastItsSizeAndReusesTheOldestFreedGroupFirst) {
-    sp<GroupPool> pool = mFreezer->getGroupPool();
-    std::vector<sp<CGroup>> taken;
-    for (int i = 0; i < 21; i++) taken.push_back(pool->getGroup());
-    EXPECT_EQ(21u, frzGroups(mRoot.path, "Group_").size());
-    pool->putGroup(new CGroup(taken[5]->getName(), root()));  // not the pool's own
-    pool->putGroup(nullptr);
-    pool->putGroup(taken[17]);
-    pool->putGroup(taken[2]);
-    EXPECT_EQ(2u, pool->freeCount());
-    EXPECT_EQ(taken[2], pool->getGroup());
-    EXPECT_EQ(taken[17], pool->getGroup());
-    EXPECT_NE(nullptr, pool->getGroup().get());
-    EXPECT_EQ(22u, frzGroups(mRoot.path, "Group_").size());
-}
-
-TEST_F(FreezerTest, PoolNamesComeFromTheRandomSourceWithoutRepeats) {
-    vp_type = 5;
+// Names come from the random source and are redrawn on a repeat; beyond its size the pool
+// makes groups on demand and hands out the oldest freed one first.
+TEST_F(FreezerTest, PoolNamesGrowthAndReuse) {
+    vp_type = 5;  // so its start-up spares the freezer's own groups
     std::string fifo = "/tmp/qmedfrz-random-" + std::to_string(getpid());
     unlink(fifo.c_str());
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     int fd = open(fifo.c_str(), O_RDWR);  // held open, so every open by the pool finds the bytes
     uint32_t values[] = {42, 42, 3000000001u, 42, 7};
     EXPECT_EQ((ssize_t)sizeof(values), write(fd, values, sizeof(values)));
-    sp<GroupPool> pool = new GroupPool(3, root(), String8(fifo.c_str()));
+    sp<GroupPool> pool = new GroupPool(2, root(), String8(fifo.c_str()));
     EXPECT_TRUE(pool->createGroupPool());
+    std::vector<sp<CGroup>> taken = {pool->getGroup(), pool->getGroup(), pool->getGroup()};
     close(fd);
     unlink(fifo.c_str());
     EXPECT_EQ((std::vector<std::string>{at("VP5_Group_0000000007"), at("VP5_Group_0000000042"),
                                         at("VP5_Group_3000000001")}),
               frzGroups(mRoot.path, "VP5_Group_"));
+    EXPECT_EQ(20u, frzGroups(mRoot.path, "Group_").size());
+    pool->putGroup(new CGroup(taken[0]->getName(), root()));  // not the pool's own
+    pool->putGroup(nullptr);
+    pool->putGroup(taken[1]);
+    pool->putGroup(taken[0]);
+    EXPECT_EQ(2u, pool->freeCount());
+    EXPECT_TRUE(pool->getGroup() == taken[0] && pool->getGroup() == taken[1]);
+
+    sp<GroupPool> none = new GroupPool(1, root(), String8("/nonexistent"));
+    EXPECT_TRUE(!none->createGroupPool() && none->getGroup() == nullptr);
     // A short read leaves the name all zeros, and mkdir refuses a stranger of that name.
     sp<GroupPool> zeros = new GroupPool(1, root(), String8("/dev/null"));
     ASSERT_EQ(0, mkdir(at("VP5_Group_0000000000").c_str(), 0755));
     EXPECT_FALSE(zeros->createGroupPool());
     EXPECT_EQ(0u, zeros->size());
+}
+
+// The mounted flag is process-wide and never reset: the body runs in a fresh process.
+TEST(FreezerUnmounted, InitFailsAndNothingTouchesTheFileSystem) {
+    if (getenv("QMED_FRZ_FRESH_PROCESS") == nullptr) {
+        RunOptions o;
+        o.env["QMED_FRZ_FRESH_PROCESS"] = "1";
+        auto r = runTool("freezer_test", {"--gtest_filter=FreezerUnmounted.*"}, o);
+        EXPECT_NE(std::string::npos, r.out.find("[  PASSED  ] 1 test.")) << r.out << r.err;
+        return;
+    }
+    char dir[] = "/tmp/qmedfrz.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir));
+    sp<Freezer> f = new Freezer(String8(dir));
+    EXPECT_FALSE(f->isFrzInited());
+    int list[] = {getppid(), -1};
+    for (int cmd = 1; cmd <= 4; cmd++) EXPECT_EQ(-1, f->freezeProcess(cmd, list, 2)) << cmd;
+    sp<CGroup> g = new CGroup(String8("Group_0000000001"), String8(dir));
+    EXPECT_EQ(0, g->createCGroup() + g->attachPid(1) + g->detachPid(1) +
+                         g->setCGroup(String8("freezer.state"), String8("FROZEN")));
+    EXPECT_EQ(0, rmdir(dir)) << "something was created";
 }
 
 }  // namespace

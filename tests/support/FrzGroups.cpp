@@ -42,9 +42,8 @@ bool removeGroupTree(const std::string& path) {
 
 FrzTestRoot::FrzTestRoot() {
     static std::atomic<int> counter{0};
-    const char* env = getenv("QMED_TEST_FRZ_HIERARCHY");
-    for (std::string h : {env != nullptr ? env : "", "/sys/fs/cgroup/freezer", "/dev/frz"}) {
-        if (h.empty() || access((h + "/cgroup.procs").c_str(), W_OK) != 0) continue;
+    for (std::string h : {"/sys/fs/cgroup/freezer", "/dev/frz"}) {
+        if (access((h + "/cgroup.procs").c_str(), W_OK) != 0) continue;
         path = h + "/qmedtest-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
         removeGroupTree(path);
         if (mkdir(path.c_str(), 0755) != 0) path.clear();
