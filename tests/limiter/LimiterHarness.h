@@ -22,32 +22,27 @@ class DrivenLimiter : public ProcessLimiter {
     }
     using ProcessLimiter::adjustWorkingRate;
     using ProcessLimiter::computeGroupLoad;
+    using ProcessLimiter::findGroup;  // no loop thread: no lock needed
     using ProcessLimiter::mCpuCount;
     using ProcessLimiter::mGroups;
+    using ProcessLimiter::mSelfGroup;
     using ProcessLimiter::spearCycle;
+    using ProcessLimiter::updateLimiterGroup;
 
-    void update() {
-        android::Mutex::Autolock l(mLock);
-        updateLimiterGroup();
-    }
     void advanceMs(long ms) {
         long us = now.tv_usec + ms * 1000;
         now.tv_sec += us / 1000000;
         now.tv_usec = us % 1000000;
     }
-    processGroup* groupOf(int pid) {
-        android::Mutex::Autolock l(mLock);
-        return findGroup(pid);
-    }
     struct timeval now;
-    std::vector<long> sleeps;  // nanoseconds asked for
+    std::vector<int> sleepsMs;  // asked for, rounded
     int loopStarts = 0, realDivisor = 0;
 
   protected:
     void currentTime(struct timeval* tv) override { *tv = now; }
     void startSpearLoop() override { loopStarts++; }
     void sleepFor(const struct timespec* ts) override {
-        sleeps.push_back(ts->tv_nsec);
+        sleepsMs.push_back((ts->tv_nsec + 500000) / 1000000);
         if (ts->tv_nsec >= 1000000000) return;  // nanosleep refuses it
         advanceMs(ts->tv_nsec / 1000000);
         struct timespec real = {0, realDivisor > 0 ? ts->tv_nsec / realDivisor : 0};

@@ -97,12 +97,11 @@ TEST_F(SpearDaemon, DutyCycleMatchesTheAppliedRateAndAStopFreesWhatADeadDaemonLe
 
 TEST_F(SpearDaemon, ReturnCodesAndTheReleaseOfAGroupWhoseOwnerExited) {
     TestChild idle = TestChild::spawn(Kind::Sleep), other = TestChild::spawn(Kind::Sleep);
-    std::string pid = std::to_string(idle.pid()), dpid = std::to_string(d.pid()), thread;
-    DIR* dir = opendir(("/proc/" + dpid + "/task").c_str());
-    for (struct dirent* e; dir != nullptr && (e = readdir(dir)) != nullptr;) {
-        if (e->d_name[0] != '.' && dpid != e->d_name) thread = e->d_name;
-    }
-    closedir(dir);
+    std::string pid = std::to_string(idle.pid()), dpid = std::to_string(d.pid());
+    std::string tasks =
+            runCommand({"ls", "-v", "/proc/" + dpid + "/task"}).out;  // a thread: the last
+    std::string thread = tasks.substr(tasks.rfind('\n', tasks.size() - 2) + 1);
+    thread.pop_back();
     struct Row {
         std::vector<std::string> args;
         int result;
