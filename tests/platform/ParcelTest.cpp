@@ -1,9 +1,7 @@
 #include <binder/Binder.h>
-#include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <utils/String8.h>
 
 #include <functional>
@@ -15,14 +13,15 @@ using namespace android;
 namespace {
 
 std::string hex(const void* data, size_t size) {
-    static const char digits[] = "0123456789abcdef";
     const uint8_t* b = static_cast<const uint8_t*>(data);
     std::string out;
-    for (size_t i = 0; i < size; i++) out += {digits[b[i] >> 4], digits[b[i] & 15]};
+    for (size_t i = 0; i < size; i++)
+        out += {"0123456789abcdef"[b[i] >> 4], "0123456789abcdef"[b[i] & 15]};
     return out;
 }
 
-TEST(ParcelTest, GoldenBytes) {
+// clang-format off
+TEST(ParcelTest, GoldenBytesAndInterfaceTokenCheck) {
     const struct {
         std::function<void(Parcel&)> write;
         std::string want;
@@ -39,46 +38,32 @@ TEST(ParcelTest, GoldenBytes) {
             {[](Parcel& p) { p.writeString16(u"\u00e9\u20ac", 2); }, "02000000e900ac2000000000"},
             // Strict-mode policy with the gather bit, no work source, 'SYST', the name.
             {[](Parcel& p) { p.writeInterfaceToken(String16("x.I")); },
-             "00000080ffffffff5453595303000000"
-             "78002e0049000000"},
+             "00000080ffffffff5453595303000000" "78002e0049000000"},
+            // A token with a foreign header word.
+            {[](Parcel& p) {
+                 p.writeInterfaceToken(String16("x.I"));
+                 p.setDataPosition(8);
+                 p.writeInt32(0x12345678);
+             },
+             "00000080ffffffff7856341203000000" "78002e0049000000"},
     };
     for (const auto& r : rows) {
         Parcel p;
         r.write(p);
         EXPECT_EQ(r.want, hex(p.data(), p.dataSize()));
+        if (r.want.size() != 48) continue;
+        for (const char* name : {"x.I", "x.J", "x.I2", "x."}) {  // only the whole name passes
+            p.setDataPosition(0);
+            EXPECT_EQ(r.want.substr(16, 8) == "54535953" && name == std::string("x.I"),
+                      p.enforceInterface(String16(name))) << name;
+        }
     }
-    const hostbinder::WireHeader h = {hostbinder::kWireMagic,
-                                      hostbinder::WIRE_REPLY,
-                                      0x0102030405060708ull,
-                                      9,
-                                      0,
-                                      -74,
-                                      16,
-                                      0,
-                                      0,
-                                      0,
-                                      0};
-    EXPECT_EQ(
-            "51425731020000000807060504030201"
-            "0900000000000000b6ffffff10000000"
-            "00000000000000000000000000000000",
-            hex(&h, sizeof(h)));
+    const hostbinder::WireHeader h = {hostbinder::kWireMagic, hostbinder::WIRE_REPLY,
+                                      0x0102030405060708ull, 9, 0, -74, 16, 0, 0, 0, 0};
+    EXPECT_EQ("5142573102000000080706050403020109000000" "00000000b6ffffff10000000"
+              "00000000000000000000000000000000", hex(&h, sizeof(h)));
 }
-
-TEST(ParcelTest, InterfaceTokenIsCheckedWhole) {
-    Parcel p, bad;
-    p.writeInterfaceToken(String16("x.I"));
-    for (const char* name : {"x.I", "x.J", "x.I2", "x."}) {
-        p.setDataPosition(0);
-        EXPECT_EQ(name == std::string("x.I"), p.enforceInterface(String16(name))) << name;
-    }
-    // A token with a foreign header word is refused.
-    const int32_t words[] = {0, -1, 0x12345678, 3, 0x002e0078, 0x49};
-    bad.write(words, sizeof(words));
-    bad.setDataPosition(0);
-    EXPECT_FALSE(bad.enforceInterface(String16("x.I")));
-    IPCThreadState::self()->setStrictModePolicy(0);
-}
+// clang-format on
 
 TEST(ParcelTest, EveryTypeSurvivesRoundTrip) {
     sp<BBinder> local = new BBinder();
@@ -98,54 +83,50 @@ TEST(ParcelTest, EveryTypeSurvivesRoundTrip) {
     EXPECT_EQ(std::vector<status_t>(written.size(), NO_ERROR), written);
     EXPECT_EQ(2u, p.objectsCount());
     EXPECT_TRUE(p.hasFileDescriptors());
-
     p.setDataPosition(0);
     String8 null8("x");
     std::unique_ptr<String16> null16(new String16("x"));
     sp<IBinder> none = local;
-    // Braced lists are read left to right.
     // clang-format off
-    const std::tuple got{
+    const std::tuple got{  // a braced list is read left to right
             p.readInt32(), p.readUint32(), p.readInt64(), p.readUint64(), p.readFloat(),
             p.readDouble(), p.readBool(), p.readChar(), p.readByte(), std::string(p.readCString()),
             p.readString8(), p.readString8(&null8), p.readString16(), p.readString16(&null16),
             p.readInt32(), p.readInt32(), p.readInt32(), p.readInt32(), p.readInt32(),
             hex(p.readInplace(5), 5), p.readStrongBinder(), p.readStrongBinder(&none)};
-    // clang-format on
     EXPECT_EQ(std::tuple(INT32_MIN, 0xdeadbeefu, INT64_MIN, 0xfedcba9876543210ull, 1.5f, -2.25e300,
                          true, u'\u20ac', int8_t(-7), std::string("c string"),
                          String8("string8 \xc3\xa9"), UNEXPECTED_NULL,
                          String16("string16 \xe2\x82\xac"), NO_ERROR, 3, 1, -2, 3, 5, "0102030405",
-                         sp<IBinder>(local), UNEXPECTED_NULL),
-              got);
+                         sp<IBinder>(local), UNEXPECTED_NULL), got);
+    // clang-format on
     EXPECT_EQ(nullptr, null16);
     const int fd = p.readFileDescriptor();
-    EXPECT_TRUE(fd > STDIN_FILENO && fcntl(fd, F_GETFD) >= 0) << fd;
+    EXPECT_TRUE(fd > 0 && fcntl(fd, F_GETFD) >= 0) << fd;
     EXPECT_EQ(0, p.readExceptionCode());
     EXPECT_EQ(p.dataSize(), p.dataPosition());
-    // Raw words are not fds.
     p.setDataPosition(0);
-    EXPECT_EQ(BAD_TYPE, p.readFileDescriptor());
+    EXPECT_EQ(BAD_TYPE, p.readFileDescriptor());  // raw words are not fds
 }
 
 TEST(ParcelTest, ReadingPastTheEndOrHostileLengthsYieldsZeroOrEmpty) {
     Parcel p;
     p.writeInt32(7);
     p.setDataPosition(0);
-    // An int64 with only half of it there is not read at all.
-    EXPECT_EQ(0, p.readInt64());
+    EXPECT_EQ(0, p.readInt64());  // only half of it is there: nothing is taken
     EXPECT_EQ(0u, p.dataPosition());
     for (size_t pos : {size_t(4), size_t(1) << 30}) {
         p.setDataPosition(pos);
         int32_t v = 5;
-        const std::tuple got{p.readInt32(),    p.readInt64(),        p.readDouble(),
-                             p.readBool(),     p.readString16(),     p.readString8(),
-                             p.readCString(),  p.readStrongBinder(), p.readFileDescriptor() < 0,
-                             p.readInplace(1), p.readInt32(&v),      v};
+        // clang-format off
+        const std::tuple got{p.readInt32(), p.readInt64(), p.readDouble(), p.readBool(),
+                             p.readString16(), p.readString8(), p.readCString(),
+                             p.readStrongBinder(), p.readFileDescriptor() < 0, p.readInplace(1),
+                             p.readInt32(&v), v};
         EXPECT_EQ(std::tuple(0, int64_t(0), 0.0, false, String16(), String8(), (const char*)nullptr,
                              sp<IBinder>(), true, (const void*)nullptr, NOT_ENOUGH_DATA, 0),
-                  got)
-                << pos;
+                  got) << pos;
+        // clang-format on
     }
     // A length word that does not fit the data, or a string without its terminator.
     for (int32_t len : {-2, 0x7fffffff, 0x40000000, 100, 1}) {
@@ -158,7 +139,7 @@ TEST(ParcelTest, ReadingPastTheEndOrHostileLengthsYieldsZeroOrEmpty) {
         EXPECT_EQ(len == 1 ? String8("a") : String8(), q.readString8()) << len;
     }
     Parcel c;
-    c.write("abcd", 4);
+    c.write("abcd", 4);  // a C string without its NUL
     c.setDataPosition(0);
     EXPECT_EQ(nullptr, c.readCString());
 }

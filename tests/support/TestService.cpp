@@ -5,14 +5,12 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utils/String8.h>
 
 #include <condition_variable>
-#include <mutex>
 
 #include "tests/support/ToolRunner.h"
 
@@ -27,7 +25,7 @@ class TestService : public BBinder {
 
     status_t dump(int fd, const Vector<String16>& args) override {
         std::string text = "dump";
-        for (size_t i = 0; i < args.size(); i++) text += " " + std::string(String8(args[i]));
+        for (const String16& arg : args) text += " " + std::string(String8(arg));
         return ::write(fd, (text + "\n").data(), text.size() + 1) > 0 ? NO_ERROR : UNKNOWN_ERROR;
     }
 
@@ -58,7 +56,7 @@ class TestService : public BBinder {
             case BIG_REPLY: {
                 const int32_t size = data.readInt32();
                 void* p = size < 0 ? nullptr : reply->writeInplace(size_t(size));
-                return p != nullptr ? (memset(p, 0x5a, size_t(size)), NO_ERROR) : NO_MEMORY;
+                return p ? (memset(p, 0x5a, size_t(size)), NO_ERROR) : NO_MEMORY;
             }
             case BARRIER: {
                 const int parties = data.readInt32();
@@ -78,9 +76,8 @@ class TestService : public BBinder {
                 if (!data.checkInterface(this)) return PERMISSION_DENIED;
                 reply->writeNoException();
                 return reply->appendFrom(&data, data.dataPosition(), data.dataAvail());
-            default:
-                return BBinder::onTransact(code, data, reply, flags);
         }
+        return BBinder::onTransact(code, data, reply, flags);
     }
 
   private:
@@ -91,6 +88,10 @@ class TestService : public BBinder {
     int64_t mSum = 0;
 };
 
+bool reaped(pid_t pid, int* status, int timeoutMs) {
+    return waitUntil([&] { return waitpid(pid, status, WNOHANG) == pid; }, timeoutMs);
+}
+
 }  // namespace
 
 sp<BBinder> newTestService() {
@@ -99,39 +100,35 @@ sp<BBinder> newTestService() {
 
 void useUniqueBinderNamespace() {
     // One per test process: its endpoint keeps the namespace it was created in.
-    static const std::string ns = "ptest-" + std::to_string(getpid());
-    setenv("BINDER_HOST_NS", ns.c_str(), 1);
+    static const int once =
+            setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 1);
+    (void)once;
 }
 
 ServiceChild::ServiceChild(const std::string& name) {
     useUniqueBinderNamespace();
-    const String16 name16(name.c_str());
     mPid = fork();
     if (mPid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         sigset_t term;
         sigemptyset(&term);
         sigaddset(&term, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &term, nullptr);  // inherited by the pool threads
-        if (defaultServiceManager()->addService(name16, newTestService()) != NO_ERROR) _exit(2);
+        pthread_sigmask(SIG_BLOCK, &term, nullptr);  // the pool threads inherit it
+        if (defaultServiceManager()->addService(String16(name.c_str()), newTestService())) _exit(2);
         ProcessState::self()->startThreadPool();
         int sig = 0;
         sigwait(&term, &sig);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        _exit(0);  // no leak or race checks on a process torn down under its running pool
-#else
-        exit(0);  // writes the profile of the service side in coverage builds
+        _exit(0);  // no leak or race report from a process torn down under its running pool
 #endif
+        exit(0);  // writes the service side's profile in coverage builds
     }
     // Waits a bounded while for a service that is still starting.
-    if (defaultServiceManager()->getService(name16) == nullptr) kill();
+    if (defaultServiceManager()->getService(String16(name.c_str())) == nullptr) kill();
 }
 
 ServiceChild::~ServiceChild() {
-    if (mPid > 0 && ::kill(mPid, SIGTERM) == 0 &&
-        waitUntil([&] { return waitpid(mPid, nullptr, WNOHANG) == mPid; }, 3000)) {
-        mPid = -1;
-    }
+    if (mPid > 0 && ::kill(mPid, SIGTERM) == 0 && reaped(mPid, nullptr, 3000)) mPid = -1;
     kill();
 }
 
@@ -144,11 +141,10 @@ int runInChild(uid_t uid, const std::function<int()>& fn, int timeoutMs) {
     const pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (uid != 0 && (setgid(uid) != 0 || setuid(uid) != 0)) _exit(126);
-        _exit(fn());
+        _exit(setgid(uid) == 0 && setuid(uid) == 0 ? fn() : 126);
     }
     int status = -1;
-    if (pid > 0 && !waitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs)) {
+    if (pid > 0 && !reaped(pid, &status, timeoutMs)) {
         ::kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
