@@ -132,21 +132,15 @@ TEST(Registry, RegistersOnceAndDeliversEachTypeToTheListenersWithItsBit) {
     Registry registry = new IQmedBinderListenerService(nullptr, nullptr);
     Listener l[5], stranger = new RecordingListener();
     for (Listener& x : l) x = new RecordingListener();
-    auto reg = [&](int i, int mask) { return registry->registerListener(l[i], mask); };
-    const std::pair<std::function<int()>, int> codes[] = {
-            {[&] { return registry->registerListener(nullptr, 1); }, 1},
-            {[&] { return reg(0, 0); }, 4},
-            {[&] { return reg(0, -1); }, 4},
-            {[&] { return reg(0, 0x40000000); }, 4},
-            {[&] { return reg(0, 1); }, 0},
-            {[&] { return reg(1, 2); }, 0},
-            {[&] { return reg(2, 4); }, 0},
-            {[&] { return reg(2, 1); }, 2},  // the first mask stays
-            {[&] { return reg(3, 0x20000000); }, 0},
-            {[&] { return reg(4, 0x3FFFFFFF); }, 0},
-            {[&] { return registry->unregisterListener(nullptr); }, 1},
-            {[&] { return registry->unregisterListener(stranger); }, 3}};
-    for (const auto& [call, code] : codes) EXPECT_EQ(code, call()) << &call - &codes[0].first;
+    // {listener (-1: none), mask, code}; registering again keeps the first mask.
+    const int regs[][3] = {{-1, 1, 1},         {0, 0, 4},         {0, -1, 4}, {0, 0x40000000, 4},
+                           {0, 1, 0},          {1, 2, 0},         {2, 4, 0},  {2, 1, 2},
+                           {3, 0x20000000, 0}, {4, 0x3FFFFFFF, 0}};
+    for (const auto& r : regs) {
+        EXPECT_EQ(r[2], registry->registerListener(r[0] < 0 ? Listener() : l[r[0]], r[1])) << r[1];
+    }
+    EXPECT_EQ(1, registry->unregisterListener(nullptr));
+    EXPECT_EQ(3, registry->unregisterListener(stranger));
     qmed::host::LogCapture logs;
     const Bytes payload = eventPayload(5, "state");
     const intptr_t at = reinterpret_cast<intptr_t>(payload.data());
