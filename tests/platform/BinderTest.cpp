@@ -70,7 +70,7 @@ TEST_F(BinderTest, ServiceAddedInOneProcessIsCalledFromAnotherAndSeesItsCaller) 
     Parcel big, reply;
     big.writeInplace(kMax + 4);
     EXPECT_EQ(FAILED_TRANSACTION, mService->transact(ECHO_PLUS_ONE, big, &reply));
-    // A dump transaction reaches dump(fd, args).
+    // A dump transaction reaches dump(fd, args) in the service.
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     Vector<String16> args;
@@ -78,8 +78,14 @@ TEST_F(BinderTest, ServiceAddedInOneProcessIsCalledFromAnotherAndSeesItsCaller) 
     args.add(String16("x y"));
     ASSERT_EQ(NO_ERROR, mService->dump(fds[1], args));
     close(fds[1]);
-    EXPECT_EQ("dump debug x y\n", readFile("/proc/self/fd/" + std::to_string(fds[0])));
-    close(fds[0]);
+    // Its read end goes to the service and back, and still reads what dump() wrote.
+    Parcel data, back;
+    data.writeInterfaceToken(String16(kTestDescriptor));
+    data.writeFileDescriptor(fds[0], true);
+    ASSERT_EQ(NO_ERROR, mService->transact(TOKEN_ECHO, data, &back));
+    EXPECT_EQ(0, back.readExceptionCode());
+    EXPECT_EQ("dump debug x y\n",
+              readFile("/proc/self/fd/" + std::to_string(back.readFileDescriptor())));
     // The parent has pooled connections before the fork; the child must not reuse them.
     EXPECT_EQ(0, runInChild(2000, [&] {
                   return call(mService, WHO_CALLS, {}) == Words{NO_ERROR, 2000, getpid()} ? 0 : 1;
@@ -142,7 +148,8 @@ TEST_F(BinderTest, MalformedTransportInputFailsOnlyItsOwnMessage) {
     const uint64_t target = mService->remoteBinder()->objectId();
     // clang-format off
     auto msg = [&](uint32_t size, uint32_t objs = 0, uint64_t to = 0, std::string tail = "") {
-        const WireHeader h = {kWireMagic, WIRE_TRANSACTION, to ? to : target, objs ? 4u : 1u, 0, 0,
+        const WireHeader h = {kWireMagic, WIRE_TRANSACTION, to ? to : target,
+                              objs ? uint32_t(RETURN_BINDER) : uint32_t(ECHO_PLUS_ONE), 0, 0,
                               size, objs, 0, uint32_t(tail.size()), 0};
         return std::string((const char*)&h, sizeof(h)) + tail;
     };
