@@ -177,7 +177,8 @@ TEST_F(FreezerTest, PoolNamesGrowthAndReuse) {
     unlink(fifo.c_str());
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     int fd = open(fifo.c_str(), O_RDWR);  // held open, so every open by the pool finds the bytes
-    uint32_t values[] = {42, 42, 3000000001u, 42, 7};
+    uint32_t values[64] = {42, 42, 3000000001u, 42, 7};  // then spares, so no read blocks
+    for (int i = 5; i < 64; i++) values[i] = 100 + i;
     EXPECT_EQ((ssize_t)sizeof(values), write(fd, values, sizeof(values)));
     sp<GroupPool> pool = new GroupPool(2, root(), String8(fifo.c_str()));
     EXPECT_TRUE(pool->createGroupPool());
