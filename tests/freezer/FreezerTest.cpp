@@ -53,6 +53,11 @@ class FreezerTest : public ::testing::Test {
 TEST_F(FreezerTest, CommandListAndBinderCallRows) {
     std::atomic<pid_t> tid{0};
     std::thread thread([&] { tid = gettid(), waitUntil([&] { return tid < 0; }, 20000); });
+    struct Join {
+        std::thread& t;
+        std::atomic<pid_t>& tid;
+        ~Join() { tid = -1, t.join(); }
+    } join{thread, tid};
     ASSERT_TRUE(waitUntil([&] { return tid > 0; }, 3000));
     mPids[TID] = tid;
     const struct {
@@ -97,8 +102,6 @@ TEST_F(FreezerTest, CommandListAndBinderCallRows) {
         }
         ASSERT_EQ(0, run(3, {0}));
     }
-    tid = -1;
-    thread.join();
     EXPECT_EQ(-1, mFreezer->freezeProcess(3, nullptr, 1));
     EXPECT_EQ(-1, mFreezer->freezeProcess(3, &mPids[A], 0));
     // Calls are kept in two buffers of 31: B's call is forgotten once the 62nd other call
