@@ -3,6 +3,7 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <host/LogCapture.h>
+#include <unistd.h>
 #include <yklog/yklog.h>
 
 #include "tests/support/ToolRunner.h"
