@@ -20,11 +20,10 @@ using Words = std::vector<int32_t>;
 
 namespace {
 
-class Recipient : public IBinder::DeathRecipient {
-  public:
+struct Recipient : IBinder::DeathRecipient {
     void binderDied(const wp<IBinder>& who) override {
         mWho = who.promote();
-        mDied++;
+        mDied++;  // publishes mWho
     }
     std::atomic<int> mDied{0};
     sp<IBinder> mWho;

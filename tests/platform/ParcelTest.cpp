@@ -28,7 +28,7 @@ TEST(ParcelTest, GoldenBytesAndInterfaceTokenCheck) {
     } rows[] = {
             {[](Parcel& p) { p.writeInt32(-2); }, "feffffff"},
             {[](Parcel& p) { p.writeInt64(0x0102030405060708LL); }, "0807060504030201"},
-            {[](Parcel& p) { p.writeBool(true), p.writeBool(false); }, "0100000000000000"},
+            {[](Parcel& p) { p.writeBool(true); p.writeBool(false); }, "0100000000000000"},
             {[](Parcel& p) { p.writeNoException(); }, "00000000"},
             {[](Parcel& p) { p.writeString16(u"", 0); }, "0000000000000000"},
             {[](Parcel& p) { p.writeString16(nullptr, 0); }, "ffffffff"},
