@@ -134,7 +134,7 @@ TEST(Registry, RegistersOnceAndDeliversEachTypeToTheListenersWithItsBit) {
     for (Listener& x : l) x = new RecordingListener();
     // {listener (-1: none), mask, code}; registering again keeps the first mask.
     const int regs[][3] = {{-1, 1, 1},         {0, 0, 4},         {0, -1, 4}, {0, 0x40000000, 4},
-                           {0, 1, 0},          {1, 2, 0},         {2, 4, 0},  {2, 1, 2},
+                           {0, 1, 0},          {1, 2, 0},         {2, 4, 0},  {0, 2, 2},
                            {3, 0x20000000, 0}, {4, 0x3FFFFFFF, 0}};
     for (const auto& r : regs) {
         EXPECT_EQ(r[2], registry->registerListener(r[0] < 0 ? Listener() : l[r[0]], r[1])) << r[1];
@@ -247,6 +247,7 @@ TEST(RegistryFreezer, OnlyOneWayCallsAndLowMemoryKillsThaw) {
     const std::tuple<int, std::string, bool> rows[] = {
             // {kind, text, still frozen}
             {8, "[PID " + pid + " KILLED][SIG 9]", true},
+            {8, "[PID " + pid + " KILLED][SIG 15]", true},
             {8, "[PID " + pid + " KILLED][SIG 0]", false},
             {16, "[TPID " + pid + " CALLED][PID -1]", false},
             {16, "[TPID " + pid + " CALLED][PID 4343]", true}};
