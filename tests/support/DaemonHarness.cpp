@@ -27,7 +27,9 @@ Daemon::Daemon(DaemonOptions opts) : mOpts(std::move(opts)) {
 }
 
 Daemon::~Daemon() {
-    kill(SIGKILL);
+    // TERM first: a coverage build's daemon writes its counters on it.
+    kill(SIGTERM);
+    if (!waitExit(2000)) kill(SIGKILL);
     mSim.reset();
     if (getenv("QMED_KEEP_LOGS") == nullptr && mWorkDir.rfind("/tmp/qmedd.", 0) == 0) {
         runCommand({"rm", "-rf", mWorkDir});
