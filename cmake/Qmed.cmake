@@ -71,6 +71,14 @@ function(qmed_add_gtest name)
     set_tests_properties(${name} PROPERTIES LABELS "${_labels}" TIMEOUT 600 ${T_PROPERTIES})
   else()
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                         PROPERTIES LABELS "${_labels}" TIMEOUT 300 ${T_PROPERTIES})
+                         PROPERTIES TIMEOUT 300 ${T_PROPERTIES})
+    # Labels are set once the cases are known: through PROPERTIES a list of labels would be
+    # split into property names.
+    string(REPLACE ";" "\\;" _escaped "${_labels}")
+    set(_f ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+    file(WRITE ${_f} "foreach(_t IN LISTS ${name}_TESTS)\n"
+                     "  set_tests_properties(\"\${_t}\" PROPERTIES LABELS \"${_escaped}\")\n"
+                     "endforeach()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${_f})
   endif()
 endfunction()
