@@ -31,7 +31,7 @@ print("|".join(names))' "$@")
 rc=0
 (cd "$dir" && ctest -j "$(nproc)" --timeout 600 -R "$regex" >/tmp/qmed-coverage-of.log 2>&1) || rc=$?
 tail -3 /tmp/qmed-coverage-of.log
-gcovr -r "$root" --object-directory "$dir" --exclude-throw-branches \
+gcovr -r "$root" --object-directory "$dir" --exclude-throw-branches --gcov-ignore-parse-errors \
     -e 'tests/' -e 'bench/' -e 'fuzz/' -e 'build/' --json-summary "$dir/summary-of.json" -s >/dev/null
 python3 "$root/scripts/coverage-report.py" "$dir/summary-of.json"
 exit $rc

@@ -56,7 +56,7 @@ for s in $stages; do
             crc=0
             (cd build/coverage && ctest -j "$jobs" --timeout 600) || crc=$?
             # Branches the compiler adds for exceptions say nothing about our tests.
-            gcovr -r "$root" --object-directory build/coverage --exclude-throw-branches \
+            gcovr -r "$root" --object-directory build/coverage --exclude-throw-branches --gcov-ignore-parse-errors \
                 -e 'tests/' -e 'bench/' -e 'fuzz/' -e 'build/' \
                 --json-summary build/coverage/summary.json -s >/dev/null
             python3 scripts/coverage-report.py build/coverage/summary.json
