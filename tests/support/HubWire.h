@@ -2,9 +2,11 @@
 
 // Module wire messages and a recording listener, shared by the hub and listener tests.
 
-#include <binder/IInterface.h>
-#include <utils/String8.h>
+#include <binder/Binder.h>
+#include <binder/Parcel.h>
+#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -44,45 +46,30 @@ inline std::string hexOf(const Bytes& v) {
     return s;
 }
 
-// A listener in the test process that keeps every callback.
-class RecordingListener : public android::BnInterface<IQmedBinderListener> {
-  public:
-    int onKstateCallback(int len, unsigned char* data) override {  // len words, as sent
+// A binder that keeps every transaction; a listener proxy over it shows the request bytes
+// a listener process would receive.
+struct RecordingBinder : android::BBinder {
+    using Call = std::pair<uint32_t, Bytes>;  // code, request bytes
+    android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
+                                 uint32_t flags) override {
+        EXPECT_EQ(0u, flags) << code;  // a reply is awaited
         std::lock_guard<std::mutex> lock(mLock);
-        mKstate.emplace_back(data, data + (data && len > 0 ? size_t(len) * 4 : 0));
-        return 0;
+        mCalls.emplace_back(code, Bytes(data.data(), data.data() + data.dataSize()));
+        reply->writeInt32(7);
+        return android::NO_ERROR;
     }
-    int onNetworkPacketCallback(int count, const int* data) override {
-        std::string s = "packets";
-        for (int i = 0; i < count; i++) s += " " + std::to_string(data[i]);
-        return note(s);
-    }
-    int onStopProcSpearCallback(int pid, const char* reason) override {
-        return note("release " + std::to_string(pid) + " " + reason);
-    }
-    int dump(int, const android::Vector<android::String16>& args) override {
-        std::string s = "dump";
-        for (const android::String16& a : args) s += std::string(" ") + android::String8(a).c_str();
-        return note(s);
-    }
-    std::vector<Bytes> kstateCalls() {
+    android::sp<IQmedBinderListener> proxy() { return IQmedBinderListener::asInterface(this); }
+    std::vector<Call> calls() {
         std::lock_guard<std::mutex> lock(mLock);
-        return mKstate;
+        return mCalls;
     }
-    std::vector<std::string> otherCalls() {
+    long count(uint32_t code) {
         std::lock_guard<std::mutex> lock(mLock);
-        return mOthers;
-    }
-
-  private:
-    int note(const std::string& s) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mOthers.push_back(s);
-        return 0;
+        return std::count_if(mCalls.begin(), mCalls.end(),
+                             [&](const Call& c) { return c.first == code; });
     }
     std::mutex mLock;
-    std::vector<Bytes> mKstate;
-    std::vector<std::string> mOthers;
+    std::vector<Call> mCalls;
 };
 
 }  // namespace qmedtest
