@@ -25,12 +25,11 @@ TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
     for (int t = 0; t < 3; t++) {
         posters.emplace_back([&, t] {
             for (int i = 0; i < 400; i++) {
-                std::string call = "[TPID " + std::to_string(100 + i) + " CALLED][PID 7]";
-                Bytes p = eventPayload(i % 2 ? 3 : 16, i % 2 ? "event" : call);
+                Bytes p = eventPayload(i % 2 ? 3 : 16,
+                                       "[TPID " + std::to_string(i) + " CALLED][PID 7]");
                 registry->handleMessage(t == 2 ? 4 : 1,
-                                        t == 2 ? Message{i, reinterpret_cast<intptr_t>("low")}
-                                               : Message{reinterpret_cast<intptr_t>(p.data()),
-                                                         static_cast<intptr_t>(p.size())});
+                                        t == 2 ? Message{i, (intptr_t) "low"}
+                                               : Message{(intptr_t)p.data(), (intptr_t)p.size()});
             }
         });
     }
