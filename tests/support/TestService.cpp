@@ -5,14 +5,10 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utils/String8.h>
 
 #include <condition_variable>
-
-#include "tests/support/ToolRunner.h"
 
 using namespace android;
 
@@ -46,8 +42,6 @@ class TestService : public BBinder {
                 const status_t err = cb ? cb->transact(RECORD, in, &out) : BAD_VALUE;
                 return err ? err : reply->appendFrom(&out, 0, out.dataSize());
             }
-            case RETURN_BINDER:
-                return reply->writeStrongBinder(data.readStrongBinder());
             case RECORD:
                 l.lock();
                 mSum += data.readInt32();
@@ -56,7 +50,7 @@ class TestService : public BBinder {
             case BIG_REPLY: {
                 const int32_t size = data.readInt32();
                 void* p = size < 0 ? nullptr : reply->writeInplace(size_t(size));
-                return p ? (memset(p, 0x5a, size_t(size)), NO_ERROR) : NO_MEMORY;
+                return p ? (memset(p, 'Z', size_t(size)), NO_ERROR) : NO_MEMORY;
             }
             case BARRIER: {
                 const int parties = data.readInt32();
@@ -88,28 +82,16 @@ class TestService : public BBinder {
     int64_t mSum = 0;
 };
 
-bool reaped(pid_t pid, int* status, int timeoutMs) {
-    return waitUntil([&] { return waitpid(pid, status, WNOHANG) == pid; }, timeoutMs);
-}
-
 }  // namespace
 
 sp<BBinder> newTestService() {
     return new TestService();
 }
 
-void useUniqueBinderNamespace() {
-    // One per test process: its endpoint keeps the namespace it was created in.
-    static const int once =
-            setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 1);
-    (void)once;
-}
-
-ServiceChild::ServiceChild(const std::string& name) {
-    useUniqueBinderNamespace();
-    mPid = fork();
-    if (mPid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+TestChild serveTestService(const std::string& name) {
+    // One namespace per test process: an endpoint keeps the namespace it was created in.
+    setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 0);
+    TestChild child = TestChild::run([&] {
         sigset_t term;
         sigemptyset(&term);
         sigaddset(&term, SIGTERM);
@@ -121,34 +103,11 @@ ServiceChild::ServiceChild(const std::string& name) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         _exit(0);  // no leak or race report from a process torn down under its running pool
 #endif
-        exit(0);  // writes the service side's profile in coverage builds
-    }
+        exit(0);  // writes the service side's counters in coverage builds
+    });
     // Waits a bounded while for a service that is still starting.
-    if (defaultServiceManager()->getService(String16(name.c_str())) == nullptr) kill();
-}
-
-ServiceChild::~ServiceChild() {
-    if (mPid > 0 && ::kill(mPid, SIGTERM) == 0 && reaped(mPid, nullptr, 3000)) mPid = -1;
-    kill();
-}
-
-void ServiceChild::kill() {
-    if (mPid > 0 && ::kill(mPid, SIGKILL) == 0) waitpid(mPid, nullptr, 0);
-    mPid = -1;
-}
-
-int runInChild(uid_t uid, const std::function<int()>& fn, int timeoutMs) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        _exit(setgid(uid) == 0 && setuid(uid) == 0 ? fn() : 126);
-    }
-    int status = -1;
-    if (pid > 0 && !reaped(pid, &status, timeoutMs)) {
-        ::kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (defaultServiceManager()->getService(String16(name.c_str())) == nullptr) child.kill();
+    return child;
 }
 
 }  // namespace qmedtest
