@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <thread>
@@ -23,6 +22,8 @@ using android::sp;
 namespace qmedtest {
 namespace {
 
+const char* kName = "com.vantor.quartzmind.integration.adapter.qmed.IQmedBinderListener";
+
 // Request bytes in the platform's layout, built by hand.
 struct W {
     W& i32(int32_t v) { return raw(&v, 4); }
@@ -35,12 +36,8 @@ struct W {
         std::u16string s(ascii.begin(), ascii.end());
         return i32(static_cast<int32_t>(s.size())).raw(s.c_str(), (s.size() + 1) * 2);
     }
-    // Strict-mode word with the gather bit, unset work source, 'SYST', descriptor.
-    W& token() {
-        return i32(INT_MIN)
-                .i32(-1)
-                .i32(0x53595354)
-                .str16("com.vantor.quartzmind.integration.adapter.qmed.IQmedBinderListener");
+    W& token() {  // strict-mode word with the gather bit, unset work source, 'SYST', name
+        return i32(INT_MIN).i32(-1).i32(0x53595354).str16(kName);
     }
     W& fd(int f) {  // as the platform flattens it, left open for the caller
         android::Parcel p;
@@ -50,9 +47,8 @@ struct W {
     Bytes b;
 };
 
-Message kstateMsg(const Bytes& payload) {
-    return Message{reinterpret_cast<intptr_t>(payload.data()),
-                   static_cast<intptr_t>(payload.size())};
+Message kstateMsg(const Bytes& p) {
+    return Message{(intptr_t)p.data(), (intptr_t)p.size()};
 }
 
 time_t gNow = 1000000;
@@ -136,7 +132,7 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
         gNow += advance;
         registry->handleMessage(1, kstateMsg(eventPayload(kind, text)));
         EXPECT_EQ(frozen, freezer->isFreezed(child.pid())) << text;
-        EXPECT_EQ(reports += reported, l[0]->count(1)) << text << " +" << advance;
+        EXPECT_EQ(reports += reported, long(l[0]->calls().size())) << text << " +" << advance;
     }
     // The proxy refuses what it cannot send whole and returns the listener's answer.
     unsigned char b4[4] = {1, 2, 3, 4};
@@ -154,7 +150,7 @@ TEST(Registry, GetPidByNameReadsTheFirstWordOfTheFirstStatusLine) {
     ASSERT_NE(nullptr, mkdtemp(root));
     for (const std::string& name : {std::string(200, 'x'), std::string("my app")}) {
         std::string dir = root + ("/" + std::to_string(name.size()));
-        mkdir(dir.c_str(), 0755);
+        runCommand({"mkdir", dir});
         writeFile(dir + "/status", "Name:\t" + name + "\nUmask:\t0022\n");
     }
     EXPECT_EQ(6, getPidByName("my", root));  // the first word of the name, at most 50 bytes
@@ -164,29 +160,28 @@ TEST(Registry, GetPidByNameReadsTheFirstWordOfTheFirstStatusLine) {
 }
 
 TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
-    android::sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(
+    sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(
             new Freezer(android::String8("/nonexistent/qmed-registry-concurrency")), nullptr);
-    android::sp<RecordingBinder> steady = new RecordingBinder();
-    ASSERT_EQ(0, registry->registerListener(steady->proxy(), 0x20000007));
+    sp<RecordingBinder> kstate = new RecordingBinder(), released = new RecordingBinder();
+    ASSERT_EQ(0, registry->registerListener(kstate->proxy(), 1));
+    ASSERT_EQ(0, registry->registerListener(released->proxy(), 4));
     std::atomic<bool> stop{false};
     std::vector<std::thread> posters;
+    const Bytes ev = eventPayload(3, "event"), call = eventPayload(16, "[TPID 5 CALLED][PID 7]");
     // Kernel-state posters as the hub thread, binder calls among them, and release notices
     // as the limiter loop posts them.
     for (int t = 0; t < 3; t++) {
         posters.emplace_back([&, t] {
             for (int i = 0; i < 400; i++) {
-                Bytes p = eventPayload(i % 2 ? 3 : 16,
-                                       "[TPID " + std::to_string(i) + " CALLED][PID 7]");
-                registry->handleMessage(t == 2 ? 4 : 1,
-                                        t == 2 ? Message{i, (intptr_t) "low"}
-                                               : Message{(intptr_t)p.data(), (intptr_t)p.size()});
+                registry->handleMessage(t == 2 ? 4 : 1, t == 2 ? Message{i, (intptr_t) "low"}
+                                                               : kstateMsg(i % 2 ? ev : call));
             }
         });
     }
     std::thread clients([&] {  // coming and going, and dumps
         android::Vector<android::String16> args;
         while (!stop.load()) {
-            android::sp<RecordingBinder> transient = new RecordingBinder();
+            sp<RecordingBinder> transient = new RecordingBinder();
             registry->registerListener(transient->proxy(), 0x3FFFFFFF);
             registry->dump(2, args);
             registry->clearDeadListeners(transient);
@@ -198,9 +193,9 @@ TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
     stop.store(true);
     clients.join();
     // Every plain event arrived; binder calls from other callers to unfrozen targets did not.
-    EXPECT_EQ(400, steady->count(1));
-    EXPECT_EQ(400, steady->count(3));
-    EXPECT_EQ(1u, registry->listenerCount());
+    EXPECT_EQ(400u, kstate->calls().size());
+    EXPECT_EQ(400u, released->calls().size());
+    EXPECT_EQ(2u, registry->listenerCount());
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
 #pragma once
 
-// Module wire messages and a recording listener, shared by the hub and listener tests.
+// Module wire messages and a recording binder, shared by the hub and listener tests.
 
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "listener/IQmedBinderListener.h"
 #include "msghub/TlvEncDec.h"
@@ -62,11 +59,6 @@ struct RecordingBinder : android::BBinder {
     std::vector<Call> calls() {
         std::lock_guard<std::mutex> lock(mLock);
         return mCalls;
-    }
-    long count(uint32_t code) {
-        std::lock_guard<std::mutex> lock(mLock);
-        return std::count_if(mCalls.begin(), mCalls.end(),
-                             [&](const Call& c) { return c.first == code; });
     }
     std::mutex mLock;
     std::vector<Call> mCalls;
