@@ -5,29 +5,29 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/TestChild.h"
+#include "tests/support/ToolRunner.h"
+
 namespace qmedtest {
 
 // Thaws and empties a freezer group tree, then removes it; true when it is gone.
 bool removeGroupTree(const std::string& path);
 
-// A private child group of the real freezer hierarchy, one test's freezer root, so parallel
-// tests never see each other's groups. Removed, and so thawed, on destruction.
+// One test's private child group of the real freezer hierarchy; removed, so thawed, at the end.
 struct FrzTestRoot {
     FrzTestRoot();
     ~FrzTestRoot() { removeGroupTree(path); }
-    std::string path;  // empty when no writable hierarchy was found
+    std::string path;  // empty when it could not be made
 };
 
-// Paths of the child groups of dir named prefix and ten digits, sorted; an empty prefix takes
-// any prefix ending in "Group_".
-std::vector<std::string> frzGroups(const std::string& dir, const std::string& prefix = "");
-std::string frzGroupOf(const std::string& dir, pid_t pid);  // empty when in no child group
+// Sorted paths of the child groups of dir named prefix and ten digits.
+std::vector<std::string> frzGroups(const std::string& dir, const std::string& prefix = "Group_");
 std::vector<pid_t> groupPids(const std::string& group);
-bool groupFrozen(const std::string& group);
-// Polled: pid sits in a frozen child group of dir and sleeps in D; or in none and not in D.
-bool waitFrozen(const std::string& dir, pid_t pid, int timeoutMs = 5000);
-bool waitThawed(const std::string& dir, pid_t pid, int timeoutMs = 5000);
-// pid's user time grows within the timeout.
-bool progresses(pid_t pid, int timeoutMs = 5000);
+inline bool groupFrozen(const std::string& group) {
+    return readFile(group + "/freezer.state") == "FROZEN\n";
+}
+// Polled: pid sits in a frozen child group of dir, or (frozen false) in none.
+bool waitFrozen(const std::string& dir, pid_t pid, bool frozen = true, int timeoutMs = 5000);
+bool progresses(pid_t pid, int timeoutMs = 5000);  // user time grows within the timeout
 
 }  // namespace qmedtest
