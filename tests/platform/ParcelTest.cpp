@@ -1,6 +1,5 @@
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <utils/String8.h>
 
@@ -13,10 +12,9 @@ using namespace android;
 namespace {
 
 std::string hex(const void* data, size_t size) {
-    const uint8_t* b = static_cast<const uint8_t*>(data);
     std::string out;
     for (size_t i = 0; i < size; i++)
-        out += {"0123456789abcdef"[b[i] >> 4], "0123456789abcdef"[b[i] & 15]};
+        out += String8::format("%02x", ((const uint8_t*)data)[i]).c_str();
     return out;
 }
 
@@ -27,25 +25,17 @@ TEST(ParcelTest, GoldenBytesAndInterfaceTokenCheck) {
         std::string want;
     } rows[] = {
             {[](Parcel& p) { p.writeInt32(-2); }, "feffffff"},
-            {[](Parcel& p) { p.writeInt64(0x0102030405060708LL); }, "0807060504030201"},
             {[](Parcel& p) { p.writeBool(true); p.writeBool(false); }, "0100000000000000"},
-            {[](Parcel& p) { p.writeNoException(); }, "00000000"},
             {[](Parcel& p) { p.writeString16(u"", 0); }, "0000000000000000"},
             {[](Parcel& p) { p.writeString16(nullptr, 0); }, "ffffffff"},
             {[](Parcel& p) { p.writeString16(u"a", 1); }, "0100000061000000"},
-            {[](Parcel& p) { p.writeString16(String16("ab")); }, "020000006100620000000000"},
-            {[](Parcel& p) { p.writeString16(u"abc", 3); }, "030000006100620063000000"},
             {[](Parcel& p) { p.writeString16(u"\u00e9\u20ac", 2); }, "02000000e900ac2000000000"},
-            {[](Parcel& p) { p.writeStrongBinder(nullptr); }, "852a6273" + std::string(40, '0')},
-            // Strict-mode policy with the gather bit, no work source, 'SYST', the name.
+            // Strict-mode policy with the gather bit, no work source, 'SYST', the name; then
+            // the same with a foreign header word.
             {[](Parcel& p) { p.writeInterfaceToken(String16("x.I")); },
              "00000080ffffffff5453595303000000" "78002e0049000000"},
-            // A token with a foreign header word.
-            {[](Parcel& p) {
-                 p.writeInterfaceToken(String16("x.I"));
-                 p.setDataPosition(8);
-                 p.writeInt32(0x12345678);
-             },
+            {[](Parcel& p) { p.writeInterfaceToken(String16("x.I")), p.setDataPosition(8);
+                             p.writeInt32(0x12345678); },
              "00000080ffffffff7856341203000000" "78002e0049000000"},
     };
     for (const auto& r : rows) {
@@ -65,50 +55,6 @@ TEST(ParcelTest, GoldenBytesAndInterfaceTokenCheck) {
               "00000000000000000000000000000000", hex(&h, sizeof(h)));
 }
 // clang-format on
-
-TEST(ParcelTest, EveryTypeSurvivesRoundTrip) {
-    sp<BBinder> local = new BBinder();
-    const int32_t ints[3] = {1, -2, 3};
-    const uint8_t raw[5] = {1, 2, 3, 4, 5};
-    Parcel p;
-    // clang-format off
-    const std::vector<status_t> written{
-            p.writeInt32(INT32_MIN), p.writeUint32(0xdeadbeef), p.writeInt64(INT64_MIN),
-            p.writeUint64(0xfedcba9876543210ull), p.writeFloat(1.5f), p.writeDouble(-2.25e300),
-            p.writeBool(true), p.writeChar(u'\u20ac'), p.writeByte(-7), p.writeCString("c string"),
-            p.writeString8(String8("string8 \xc3\xa9")), p.writeString8(nullptr, 0),
-            p.writeString16(String16("string16 \xe2\x82\xac")), p.writeString16(nullptr, 0),
-            p.writeInt32Array(3, ints), p.writeByteArray(5, raw), p.writeStrongBinder(local),
-            p.writeStrongBinder(nullptr), p.writeDupFileDescriptor(0), p.writeNoException()};
-    // clang-format on
-    EXPECT_EQ(std::vector<status_t>(written.size(), NO_ERROR), written);
-    EXPECT_EQ(2u, p.objectsCount());
-    EXPECT_TRUE(p.hasFileDescriptors());
-    p.setDataPosition(0);
-    String8 null8("x");
-    std::unique_ptr<String16> null16(new String16("x"));
-    sp<IBinder> none = local;
-    // clang-format off
-    const std::tuple got{  // a braced list is read left to right
-            p.readInt32(), p.readUint32(), p.readInt64(), p.readUint64(), p.readFloat(),
-            p.readDouble(), p.readBool(), p.readChar(), p.readByte(), std::string(p.readCString()),
-            p.readString8(), p.readString8(&null8), p.readString16(), p.readString16(&null16),
-            p.readInt32(), p.readInt32(), p.readInt32(), p.readInt32(), p.readInt32(),
-            hex(p.readInplace(5), 5), p.readStrongBinder(), p.readStrongBinder(&none)};
-    EXPECT_EQ(std::tuple(INT32_MIN, 0xdeadbeefu, INT64_MIN, 0xfedcba9876543210ull, 1.5f, -2.25e300,
-                         true, u'\u20ac', int8_t(-7), std::string("c string"),
-                         String8("string8 \xc3\xa9"), UNEXPECTED_NULL,
-                         String16("string16 \xe2\x82\xac"), NO_ERROR, 3, 1, -2, 3, 5, "0102030405",
-                         sp<IBinder>(local), UNEXPECTED_NULL), got);
-    // clang-format on
-    EXPECT_EQ(nullptr, null16);
-    const int fd = p.readFileDescriptor();
-    EXPECT_TRUE(fd > 0 && fcntl(fd, F_GETFD) >= 0) << fd;
-    EXPECT_EQ(0, p.readExceptionCode());
-    EXPECT_EQ(p.dataSize(), p.dataPosition());
-    p.setDataPosition(0);
-    EXPECT_EQ(BAD_TYPE, p.readFileDescriptor());  // raw words are not fds
-}
 
 TEST(ParcelTest, ReadingPastTheEndOrHostileLengthsYieldsZeroOrEmpty) {
     Parcel p;

@@ -6,7 +6,6 @@
 #include <binder/ProcessState.h>
 #include <signal.h>
 #include <unistd.h>
-#include <utils/String8.h>
 
 #include <condition_variable>
 
@@ -19,29 +18,14 @@ class TestService : public BBinder {
   public:
     const String16& getInterfaceDescriptor() const override { return mDescriptor; }
 
-    status_t dump(int fd, const Vector<String16>& args) override {
-        std::string text = "dump";
-        for (const String16& arg : args) text += " " + std::string(String8(arg));
-        return ::write(fd, (text + "\n").data(), text.size() + 1) > 0 ? NO_ERROR : UNKNOWN_ERROR;
-    }
-
   protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         IPCThreadState* ipc = IPCThreadState::self();
         std::unique_lock<std::mutex> l(mLock, std::defer_lock);
         switch (code) {
-            case ECHO_PLUS_ONE:
-                return reply->writeInt32(data.readInt32() + 1);
             case WHO_CALLS:
                 reply->writeInt32(int32_t(ipc->getCallingUid()));
                 return reply->writeInt32(ipc->getCallingPid());
-            case CALL_BACK: {
-                sp<IBinder> cb = data.readStrongBinder();
-                Parcel in, out;
-                in.writeInt32(data.readInt32());
-                const status_t err = cb ? cb->transact(RECORD, in, &out) : BAD_VALUE;
-                return err ? err : reply->appendFrom(&out, 0, out.dataSize());
-            }
             case RECORD:
                 l.lock();
                 mSum += data.readInt32();
@@ -62,10 +46,6 @@ class TestService : public BBinder {
                 mInside--;
                 return reply->writeInt32(mMaxInside);
             }
-            case FAIL_WITH:
-                reply->writeInt32(123);  // must not reach the caller on failure
-                data.setDataPosition(data.dataSize() - 4);
-                return data.readInt32();
             case TOKEN_ECHO:
                 if (!data.checkInterface(this)) return PERMISSION_DENIED;
                 reply->writeNoException();
@@ -84,10 +64,6 @@ class TestService : public BBinder {
 
 }  // namespace
 
-sp<BBinder> newTestService() {
-    return new TestService();
-}
-
 TestChild serveTestService(const std::string& name) {
     // One namespace per test process: an endpoint keeps the namespace it was created in.
     setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 0);
@@ -96,7 +72,8 @@ TestChild serveTestService(const std::string& name) {
         sigemptyset(&term);
         sigaddset(&term, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &term, nullptr);  // the pool threads inherit it
-        if (defaultServiceManager()->addService(String16(name.c_str()), newTestService())) _exit(2);
+        if (defaultServiceManager()->addService(String16(name.c_str()), new TestService()))
+            _exit(2);
         ProcessState::self()->startThreadPool();
         int sig = 0;
         sigwait(&term, &sig);

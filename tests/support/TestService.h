@@ -10,19 +10,14 @@ namespace qmedtest {
 constexpr const char* kTestDescriptor = "qmed.test.ITestService";
 
 enum TestCode : uint32_t {
-    ECHO_PLUS_ONE = 1,  // i32 -> i32 + 1
-    WHO_CALLS,          // -> calling uid, calling pid
-    CALL_BACK,          // binder, i32 -> the reply of RECORD i32 on that binder
-    RECORD,             // i32 -> adds it; count and (i64) sum of all added so far
-    BIG_REPLY,          // i32 size -> that many bytes of 'Z'
-    BARRIER,            // i32 parties -> most calls seen inside at once
-    FAIL_WITH,          // ..., i32 status -> 123, and the last word as the status
-    TOKEN_ECHO,         // interface token, rest -> no-exception marker, rest
+    WHO_CALLS = 1,  // -> calling uid, calling pid
+    RECORD,         // i32 -> adds it; count and (i64) sum of all added so far
+    BIG_REPLY,      // i32 size -> that many bytes of 'Z'
+    BARRIER,        // i32 parties -> most calls seen inside at once
+    TOKEN_ECHO,     // interface token, rest -> no-exception marker, rest
 };
 
-android::sp<android::BBinder> newTestService();
-
-// Serves newTestService() as `name` in a binder namespace of this test process. SIGTERM stops
+// Serves the test service as `name` in a binder namespace of this test process. SIGTERM stops
 // it cleanly (the service side writes its coverage counters), SIGKILL as a crash would.
 TestChild serveTestService(const std::string& name);
 
