@@ -1,10 +1,10 @@
 #pragma once
 
 #include <binder/IInterface.h>
-#include <sys/stat.h>
+#include <sys/time.h>
 
-#include <condition_variable>
 #include <mutex>
+#include <vector>
 
 #include "limiter/ProcessLimiter.h"
 #include "listener/IQmedBinderListener.h"
@@ -13,21 +13,17 @@
 namespace qmedtest {
 
 // A limiter with a fake clock and no loop thread: tests drive cycles directly.
-// Sleeps advance the clock; realDivisor > 0 also sleeps that many times
-// shorter for real so busy children run between samples.
+// Sleeps advance the clock and last a twentieth for real, so busy children run between samples.
 class DrivenLimiter : public ProcessLimiter {
   public:
     explicit DrivenLimiter(const char* root = "/proc") : ProcessLimiter(root) {
         gettimeofday(&now, nullptr);
     }
-    using ProcessLimiter::adjustWorkingRate;
-    using ProcessLimiter::computeGroupLoad;
-    using ProcessLimiter::findGroup;  // no loop thread: no lock needed
-    using ProcessLimiter::mCpuCount;
-    using ProcessLimiter::mGroups;
-    using ProcessLimiter::mSelfGroup;
-    using ProcessLimiter::spearCycle;
-    using ProcessLimiter::updateLimiterGroup;
+    using ProcessLimiter::adjustWorkingRate, ProcessLimiter::computeGroupLoad,
+            ProcessLimiter::findGroup, ProcessLimiter::mCpuCount, ProcessLimiter::mGroups,
+            ProcessLimiter::mLoopRunning, ProcessLimiter::mLoopStart,
+            ProcessLimiter::reportQmedState, ProcessLimiter::spearCycle,
+            ProcessLimiter::updateLimiterGroup;
 
     void advanceMs(long ms) {
         long us = now.tv_usec + ms * 1000;
@@ -36,7 +32,7 @@ class DrivenLimiter : public ProcessLimiter {
     }
     struct timeval now;
     std::vector<int> sleepsMs;  // asked for, rounded
-    int loopStarts = 0, realDivisor = 0;
+    int loopStarts = 0;
 
   protected:
     void currentTime(struct timeval* tv) override { *tv = now; }
@@ -45,63 +41,28 @@ class DrivenLimiter : public ProcessLimiter {
         sleepsMs.push_back((ts->tv_nsec + 500000) / 1000000);
         if (ts->tv_nsec >= 1000000000) return;  // nanosleep refuses it
         advanceMs(ts->tv_nsec / 1000000);
-        struct timespec real = {0, realDivisor > 0 ? ts->tv_nsec / realDivisor : 0};
-        if (real.tv_nsec > 0) nanosleep(&real, nullptr);
+        struct timespec real = {0, ts->tv_nsec / 20};
+        nanosleep(&real, nullptr);
     }
 };
 
-// A private folder laid out like procfs: <root>/<pid>/stat and status.
-class FakeProc {
-  public:
-    ~FakeProc() { runCommand({"rm", "-rf", root}); }
-    void write(int pid, const std::string& file, const std::string& text) {
-        mkdir((root + "/" + std::to_string(pid)).c_str(), 0755);
-        writeFile(root + "/" + std::to_string(pid) + "/" + file, text);
-    }
-    // Sets fields 4 (ppid), 14-15 (utime, stime) and 22 (start); the others are 0.
-    void stat(int pid, const std::string& comm, int ppid, long ut = 0, long st = 0, long at = 0) {
-        std::string s = std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid);
-        for (int f = 5; f <= 52; f++)
-            s += " " + std::to_string(f == 14 ? ut : f == 15 ? st : f == 22 ? at : 0);
-        write(pid, "stat", s + "\n");
-        write(pid, "status", "Name:\t" + comm + "\nTgid:\t" + std::to_string(pid) + "\n");
-    }
-    char tmpl[32] = "/tmp/limiter-proc-XXXXXX";
-    std::string root = mkdtemp(tmpl);
-};
-
-// Records release notices; hold(true) blocks the callback like a stuck client.
-class RecordingListener : public android::BnInterface<IQmedBinderListener> {
-  public:
-    using Stops = std::vector<std::pair<int, std::string>>;
+// Keeps release notices as "pid reason".
+struct ReleaseListener : android::BnInterface<IQmedBinderListener> {
     int onKstateCallback(int, unsigned char*) override { return 0; }
     int onNetworkPacketCallback(int, const int*) override { return 0; }
     int dump(int, const android::Vector<android::String16>&) override { return 0; }
     int onStopProcSpearCallback(int pid, const char* reason) override {
-        std::unique_lock<std::mutex> l(mLock);
-        mCv.wait_for(l, std::chrono::seconds(5), [this] { return !held; });
-        mStops.emplace_back(pid, reason);
+        std::lock_guard<std::mutex> l(lock);
+        notices.push_back(std::to_string(pid) + " " + reason);
         return 0;
     }
-    void hold(bool h) {
-        std::lock_guard<std::mutex> l(mLock);
-        held = h;
-        mCv.notify_all();
+    std::vector<std::string> got(int waitMs = 0) {  // waits up to waitMs for one at least
+        auto copy = [&] { return std::lock_guard<std::mutex>(lock), notices; };
+        waitUntil([&] { return !copy().empty(); }, waitMs);
+        return copy();
     }
-    Stops waitFor(size_t n) {  // at least n notices, or what came within 3 s
-        waitUntil([&] { return stops().size() >= n; }, 3000);
-        return stops();
-    }
-    Stops stops() {
-        std::lock_guard<std::mutex> l(mLock);
-        return mStops;
-    }
-
-  private:
-    std::mutex mLock;
-    std::condition_variable mCv;
-    bool held = false;
-    Stops mStops;
+    std::mutex lock;
+    std::vector<std::string> notices;
 };
 
 }  // namespace qmedtest
