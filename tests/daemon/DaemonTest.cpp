@@ -1,13 +1,11 @@
-// Through qmed-ns: the real ykqmed under the kernel-module simulator, driven by build/bin tools
-// and an in-process client; then in-process the stub against a recording service, what no
-// parcel carries, the debug property and the plug-in host's failures.
+// Through qmed-ns: the real ykqmed under the kernel-module simulator, then in-process the stub
+// against a recording service, what no parcel carries, debug property, plug-in host failures.
 
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <host/LogCapture.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -24,7 +22,6 @@
 using android::Parcel;
 using android::sp;
 using android::String16;
-using android::String8;
 using qmedtest::Daemon;
 using qmedtest::readFile;
 using qmedtest::TestChild;
@@ -39,8 +36,7 @@ bool has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-// One daemon for the suite, debug logging off, with the dump permission granted to uid 10051
-// and the test plug-in on its library path.
+// One daemon, debug off, the dump permission granted to uid 10051, the test plug-in on its path.
 class DaemonIntegration : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -66,7 +62,6 @@ class DaemonIntegration : public ::testing::Test {
     static void put(Parcel* p, const Words& list) {
         for (int32_t v : list) p->writeInt32(v);
     }
-    // Reply words of a call.
     template <typename... A>
     static Words call(uint32_t code, const A&... args) {
         Parcel data, reply;
@@ -102,9 +97,7 @@ TEST_F(DaemonIntegration, OnlyRootAndSystemReachTheCodes) {
     EXPECT_TRUE(has(system.out, "Result: Parcel(00000000 ")) << system.out << system.err;
 
     // The plug-in host ran the library's entry once on its own thread and unloaded it.
-    EXPECT_TRUE(daemon().waitForLog("vigild_main ran"));
-    EXPECT_TRUE(daemon().countLog("vigild_main begin") == 1 &&
-                daemon().countLog("Qmed-Vigil") == 1);
+    EXPECT_TRUE(daemon().waitForLog("vigild_main ran") && daemon().countLog("Qmed-Vigil") == 1);
     const std::string maps = "/proc/" + to_string(daemon().pid()) + "/maps";
     EXPECT_TRUE(waitUntil([&] { return !has(readFile(maps), "libvigild.so"); }, 3000));
 }
@@ -122,16 +115,14 @@ TEST_F(DaemonIntegration, ListsOfOneToTwoHundredPidsAreAccepted) {
         EXPECT_TRUE(text.at(0) == 0 && ok == (text.size() > 1));
         EXPECT_EQ((Words{0, ok ? 0 : -1}), call(12, num, pids));
     }
-    EXPECT_TRUE(
-            daemon().waitForLog("****doFreezer num is too larger. action is 2, pid num is 201"));
+    EXPECT_TRUE(daemon().waitForLog("doFreezer num is too larger. action is 2, pid num is 201"));
 }
 
 TEST_F(DaemonIntegration, KillUserTimeAndFileNodes) {
     TestChild a = TestChild::spawn(TestChild::Kind::Sleep, "qmedKillOne");
     TestChild b = TestChild::spawn(TestChild::Kind::Sleep, "qmedKillTwo");
     EXPECT_EQ((Words{0, 0}), call(12, 3, a.pid(), -1, b.pid()));
-    EXPECT_TRUE(a.reap(3000));
-    EXPECT_TRUE(qmedtest::processExists(b.pid()));
+    EXPECT_TRUE(a.reap(3000) && qmedtest::processExists(b.pid()));
 
     TestChild busy = TestChild::spawn(TestChild::Kind::Busy, "qmedUtime");
     // The name is scanned as one blank-free token: a blank breaks the scan and gives 0.
@@ -163,8 +154,7 @@ TEST_F(DaemonIntegration, KillUserTimeAndFileNodes) {
     EXPECT_EQ((Words{0, 0}), call(16, "/proc/1/stat", "1"));
 }
 
-// 64-bit parcel values reach a 32-bit long; the record replaces the head of the node, neither
-// truncating nor appending, and goes out whole however long the extend is.
+// 64-bit values reach a 32-bit long; the record overwrites the node's head, whole at any length.
 TEST_F(DaemonIntegration, WatchdogRecordCarriesTheLow32BitsByteForByte) {
     const std::string dots(64, '.'), extend(3000, 'e');
     const struct {
@@ -217,18 +207,15 @@ TEST(DaemonStartup, VersionOptionsAndKillSwitch) {
                     "d",
                     false,
                     true});
-    ASSERT_TRUE(version.start());
     int status = -1;
-    ASSERT_TRUE(version.waitExit(5000, &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_TRUE(version.start() && version.waitExit(5000, &status));
+    EXPECT_EQ(0, status);  // exited with 0
     EXPECT_EQ("version 13.0.13\nversion 13.0.13\n", version.out());
     EXPECT_TRUE(has(version.log(), "Zoqmed Start, bDebug: 1") && has(version.log(), "vp_type=3"));
 
-    // Switched off: alive with only the parked main thread (an emulator's helper thread carries
-    // the main thread's name), no service, no plug-in host.
+    // Switched off: alive, only the parked main thread (an emulator's helper carries its name).
     Daemon off({{}, {{"ro.config.qm_disable_qm", "true"}}, {}, "d", false, true});
-    ASSERT_TRUE(off.start());
-    ASSERT_TRUE(off.waitForLog("qm is disabled, do nothing"));
+    ASSERT_TRUE(off.start() && off.waitForLog("qm is disabled, do nothing"));
     usleep(300 * 1000);
     const std::string task = "/proc/" + to_string(off.pid()) + "/task/";
     const std::string mainName = readFile(task + to_string(off.pid()) + "/comm");
@@ -239,7 +226,7 @@ TEST(DaemonStartup, VersionOptionsAndKillSwitch) {
     EXPECT_FALSE(has(off.log(), "Qmed-Vigil") || has(off.log(), "Freezer::initFrz"));
 }
 
-// Records each operation with its arguments, so the stub is seen apart from the engines.
+// Each operation records its name and arguments, so the stub is seen apart from the engines.
 class Recorder : public BnQmedBinderService {
   public:
     std::vector<std::string> calls;
@@ -263,7 +250,6 @@ class Recorder : public BnQmedBinderService {
         memset(b, 'x', static_cast<size_t>(len));
         return zero;
     }
-    // Each operation records its own name and arguments.
     // clang-format off
 #define REC(...) override { return rec(__func__, __VA_ARGS__); }
     int registerListener(const sp<IQmedBinderListener>& l, int t) REC(l != nullptr, t)
@@ -278,7 +264,7 @@ class Recorder : public BnQmedBinderService {
     int getPidByNameAndUid(const char* s, int uid, int* out) REC(s, uid, *out = uid + 1)
     int killProcess(int* p, int n) REC(list(p, n))
     int destroySockets(int uid, int pid) REC(uid, pid)
-    int setPowerWatchdog(int t, long a, long b, const String8& e) REC(t, a, b, e.c_str())
+    int setPowerWatchdog(int t, long a, long b, const android::String8& e) REC(t, a, b, e.c_str())
     bool writeFileNode(const char* p, const char* c) REC(p, c)
     int doSpear(int pid, int r, int t, bool c) REC(pid, r, t, c)
     int stopSpear(int pid) REC(pid)
@@ -347,34 +333,29 @@ TEST(ServiceStub, UnmarshalsEveryCodeAndRefusesAWrongToken) {
             const bool refused = badToken && row.status == 0;
             EXPECT_EQ(refused ? -1 : row.status, service->onTransact(row.code, data, &reply));
             EXPECT_EQ(refused ? "" : row.call, service->calls.empty() ? "" : service->calls[0]);
-            reply.setDataPosition(0);
-            Words words;
-            while (reply.dataAvail() >= 4 && words.size() < row.reply.size()) {
-                words.push_back(reply.readInt32());
-            }
-            EXPECT_EQ(refused ? Words() : row.reply, words);
+            Parcel want;  // the reply byte for byte
+            for (int32_t w : refused ? Words() : row.reply) want.writeInt32(w);
             if (row.textLength >= 0 && !refused) {
-                EXPECT_EQ(String16(std::string(row.textLength, 'x').c_str()), reply.readString16());
+                want.writeString16(String16(std::string(row.textLength, 'x').c_str()));
             }
-            EXPECT_EQ(0u, reply.dataAvail());
+            ASSERT_EQ(want.dataSize(), reply.dataSize());
+            EXPECT_EQ(0, memcmp(want.data(), reply.data(), want.dataSize()));
         }
     }
     bDebug = false;
 }
 
-// Run after the daemon is gone: the service brings up its own freezer, which these checks leave
-// alone. Then the debug property and the plug-in host's failures.
+// After the daemon is gone, as the service brings up a freezer of its own (left unused here).
 TEST(ServiceOps, NullArgumentsDebugPropertyAndPluginFailures) {
     const std::string missing = "/tmp/qmed-no-watchdog-" + to_string(getpid());
     sp<QmedBinderService> service = new QmedBinderService(missing.c_str());
     int pids[1] = {-1};
     EXPECT_TRUE(service->killProcess(pids, 0) == -1 && service->killProcess(nullptr, 2) == -1);
     EXPECT_FALSE(service->writeFileNode("/dev/null", nullptr));
-    EXPECT_EQ(-1, service->setPowerWatchdog(1, 1, 1, String8("y")));
+    EXPECT_EQ(-1, service->setPowerWatchdog(1, 1, 1, android::String8("y")));
     EXPECT_NE(0, access(missing.c_str(), F_OK));
 
-    const char* props = getenv("QMED_PROPERTY_FILE");  // set up by qmed-ns
-    ASSERT_NE(nullptr, props);
+    const std::string props = getenv("QMED_PROPERTY_FILE");  // set up by qmed-ns
     for (std::string value : {"true", "True", "true ", "true1", "", "-"}) {
         writeFile(props, value == "-" ? "" : "persist.sys.qmed.debug=" + value + "\n");
         bDebug = value != "true";
@@ -383,8 +364,7 @@ TEST(ServiceOps, NullArgumentsDebugPropertyAndPluginFailures) {
     }
     bDebug = false;
 
-    // The default name is on no search path of this process: one error line each, and nothing
-    // stays loaded.
+    // The default name is on no search path here: one error line each, and nothing stays loaded.
     const std::string noEntry = qmedtest::binDir() + "/libvigild_noentry.so";
     for (const std::string& library : {std::string(), noEntry}) {
         const char* line = library.empty() ? "E/Qmed-Vigil: not find libvigild.so err:"

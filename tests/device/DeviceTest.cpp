@@ -1,6 +1,5 @@
-// What cannot be built or run here but must stay in step: the Java the aidl tool generates
-// against the daemon's wire codes, the device build file against the CMake build, and the
-// 32-bit word sizes of the target.
+// What must stay in step though it cannot run here: the Java the aidl tool generates, the
+// device build file, and the 32-bit word sizes of the target.
 
 #include <gtest/gtest.h>
 #include <host/LogCapture.h>
@@ -19,7 +18,6 @@
 
 namespace {
 
-// The first group of each match of pattern in text.
 std::vector<std::string> matches(const std::string& text, const std::string& pattern) {
     std::vector<std::string> out;
     std::regex re(pattern);
@@ -68,14 +66,13 @@ TEST(Device, BuildFileNamesEveryEngineSourceAndOnlyFilesThatExist) {
         return std::set<std::string>(names.begin(), names.end());
     };
     std::set<std::string> engine;
-    for (const char* dir :
+    for (std::string dir :
          {"daemon", "listener", "msghub", "freezer", "limiter", "proc", "sockdiag"}) {
         for (const auto& e : std::filesystem::directory_iterator(root + dir)) {
-            if (e.path().extension() == ".cpp")
-                engine.insert(dir + ("/" + e.path().filename().string()));
+            const std::string f = dir + "/" + e.path().filename().string();
+            if (e.path().extension() == ".cpp" && f != "daemon/main.cpp") engine.insert(f);
         }
     }
-    engine.erase("daemon/main.cpp");
     EXPECT_EQ(engine, listed("qmed"));
     EXPECT_EQ(std::set<std::string>{"daemon/main.cpp"}, listed("ykqmed"));
     const std::string named =
@@ -83,7 +80,6 @@ TEST(Device, BuildFileNamesEveryEngineSourceAndOnlyFilesThatExist) {
     for (const std::string& f : matches(named, R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re")) {
         EXPECT_TRUE(std::filesystem::exists(root + f)) << f;
     }
-    EXPECT_NE(std::string::npos, named.find("init_rc: [\"device/ykqmed.rc\"]"));
 }
 
 // The loop's age is taken in microseconds as an unsigned 32-bit value, so it wraps after
