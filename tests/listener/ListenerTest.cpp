@@ -1,6 +1,5 @@
-// The registry delivering to listener proxies over recording binders, so that what it sends
-// is checked byte for byte, over the real cgroup freezer at /dev/frz (run through qmed-ns),
-// and under concurrent posters, registrations and dumps (meant for TSan too).
+// The registry sending through listener proxies to recording binders, over the real freezer at
+// /dev/frz (through qmed-ns), and under concurrent posters and registrations (TSan too).
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -87,6 +86,7 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
     registry->handleMessage(2, Message{reinterpret_cast<intptr_t>(values), 2});
     registry->handleMessage(4, Message{99, reinterpret_cast<intptr_t>("tgid_error")});
     registry->dump(2, args);
+    for (int type : {0, 3}) registry->handleMessage(type, kstateMsg(payload));  // invalid, unused
     for (Message m : {Message{0, 10}, Message{at, 0}, Message{at, -4}, Message{at, INTPTR_MAX}}) {
         registry->handleMessage(1, m);  // dropped
     }
