@@ -1,276 +1,423 @@
-// Faults of the daemon's peers against the real ykqmed: its client dying, the daemon itself
-// dying, the kernel module going away. Runs through tools/qmed-ns.
-
+// Faults of the daemon's peers and load against the real ykqmed, its simulator and real
+// clients. Built twice: fault_test has Fault.*, fault_load_test (QMED_FAULT_LOAD) Load.*.
+// Load durations scale with QMED_FAULT_SCALE. Runs through tools/qmed-ns.
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
+#include <algorithm>
+#include <atomic>
+#include <set>
+#include <sstream>
 
-#include "tests/fault/FaultTestUtil.h"
+#include "daemon/IQmedBinderService.h"
 #include "tests/support/DaemonHarness.h"
 #include "tests/support/TestChild.h"
-#include "tests/support/ToolRunner.h"
-#include "tools/kmodsim/KmodsimControl.h"
 
-using faulttest::heldDuring;
-using faulttest::join;
-using qmedtest::BackgroundTool;
-using qmedtest::Daemon;
-using qmedtest::DaemonOptions;
-using qmedtest::TestChild;
-using qmedtest::waitUntil;
+using namespace qmedtest;
 using Clock = std::chrono::steady_clock;
+using Pids = std::vector<pid_t>;
 
 namespace {
 
-const std::string kFrz = "/dev/frz";
-
-bool inFrozenGroup(pid_t pid) {
-    std::vector<pid_t> f = faulttest::frozenPids();
-    return std::find(f.begin(), f.end(), pid) != f.end();
+double msSince(Clock::time_point t) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
+}
+void record(const char* name, double v) {
+    printf("FIGURE %s %.1f\n", name, v);
+    ::testing::Test::RecordProperty(name, std::to_string(v));
+}
+long rssKb(pid_t pid) {
+    std::string s = readFile("/proc/" + std::to_string(pid) + "/status");
+    size_t at = s.find("VmRSS:");
+    return at == std::string::npos ? -1 : atol(s.c_str() + at + 6);
+}
+bool has(const Pids& v, pid_t p) {
+    return std::find(v.begin(), v.end(), p) != v.end();
+}
+// Pids in a FROZEN or FREEZING group; with own, the number of the daemon's pool groups.
+Pids frozenPids(size_t* own = nullptr) {
+    Pids out;
+    DIR* d = opendir("/dev/frz");
+    while (struct dirent* e = d ? readdir(d) : nullptr) {
+        std::string n = e->d_name, g = "/dev/frz/" + n;
+        if (own && n.size() == 16 && n.compare(0, 6, "Group_") == 0 &&
+            n.find_first_not_of("0123456789", 6) == std::string::npos)
+            ++*own;
+        if (e->d_type != DT_DIR || n[0] == '.' || readFile(g + "/freezer.state").rfind("FR", 0))
+            continue;
+        std::istringstream in(readFile(g + "/cgroup.procs"));
+        for (pid_t p; in >> p;) out.push_back(p);
+    }
+    if (d) closedir(d);
+    return out;
+}
+bool isFrozen(pid_t p) {
+    return has(frozenPids(), p) && procState(p) == 'D';
+}
+// Those of pids seen frozen or stopped over ms of sampling (a stop phase lasts under 1 s).
+std::string heldDuring(const Pids& pids, int ms) {
+    std::set<pid_t> held;
+    for (auto end = Clock::now() + std::chrono::milliseconds(ms); Clock::now() < end;) {
+        Pids f = frozenPids();
+        for (pid_t p : pids)
+            if (procState(p) == 'T' || has(f, p)) held.insert(p);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::string s;
+    for (pid_t p : held) s += std::to_string(p) + " ";
+    return s;
+}
+bool progresses(pid_t p, int ms = 5000) {
+    long t0 = procCpuTicks(p);
+    return waitUntil([&] { return procCpuTicks(p) > t0; }, ms);
+}
+double scale() {
+    const char* s = getenv("QMED_FAULT_SCALE");
+    return s && atof(s) > 0 ? atof(s) : 1.0;
 }
 
-bool isFrozen(pid_t pid) {
-    return inFrozenGroup(pid) && qmedtest::procState(pid) == 'D';
-}
-
-// Groups named "Group_" and ten digits.
-size_t ownGroupCount() {
-    size_t n = 0;
-    DIR* d = opendir(kFrz.c_str());
-    if (d == nullptr) return 0;
-    while (struct dirent* e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name.size() == 16 && name.compare(0, 6, "Group_") == 0 &&
-            name.find_first_not_of("0123456789", 6) == std::string::npos)
-            n++;
+// Asks the daemon something cheap every periodMs; counts failures, keeps the slowest answer.
+struct Prober {
+    Prober(const Daemon& d, int periodMs)
+        : t([this, &d, periodMs] {
+              RunOptions o = d.clientOptions();
+              o.timeoutMs = 20000;
+              while (!stop) {
+                  auto t0 = Clock::now();
+                  failures += runTool("qmedctl", {"cmdline", "1"}, o).exitCode != 0;
+                  maxMs = std::max(maxMs.load(), msSince(t0));
+                  count++;
+                  std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
+              }
+          }) {}
+    ~Prober() { finish(); }
+    void finish() {
+        stop = true;
+        if (t.joinable()) t.join();
     }
-    closedir(d);
-    return n;
-}
-
-void record(const std::string& name, double value) {
-    printf("FIGURE %s %.1f\n", name.c_str(), value);
-    ::testing::Test::RecordProperty(name, std::to_string(value));
-}
-
-class Fault : public faulttest::DaemonFixture {
-  protected:
-    void SetUp() override {
-        ASSERT_EQ(0, access((kFrz + "/cgroup.procs").c_str(), F_OK)) << "run through qmed-ns";
-        startDaemon();
-    }
-    pid_t spawn(TestChild::Kind kind) {
-        mChildren.push_back(TestChild::spawn(kind));
-        return mChildren.back().pid();
-    }
-    std::vector<pid_t> spawnMany(TestChild::Kind kind, int n) {
-        std::vector<pid_t> out;
-        for (int i = 0; i < n; i++) out.push_back(spawn(kind));
-        return out;
-    }
-    ::testing::AssertionResult ctl(const std::vector<std::string>& args, int expected) {
-        qmedtest::ToolResult r = mDaemon->qmedctl(args);
-        std::string want = "(result " + std::to_string(expected) + ")";
-        if (r.out.find(want) != std::string::npos) return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "qmedctl " << args[0] << ": " << r.out << r.err;
-    }
-    static std::vector<std::string> cmd(const char* name, const std::vector<pid_t>& pids) {
-        std::vector<std::string> a{name};
-        for (pid_t p : pids) a.push_back(std::to_string(p));
-        return a;
-    }
-    bool freezeAll(const std::vector<pid_t>& pids) {
-        if (mDaemon->qmedctl(cmd("freeze", pids)).exitCode != 0) return false;
-        for (pid_t p : pids) {
-            if (!waitUntil([&] { return isFrozen(p); }, 5000)) return false;
-        }
-        return true;
-    }
-    // Limiting begins on the fourth cycle, so the first stop comes after a few seconds.
-    bool limit(const std::vector<pid_t>& pids, int rate) {
-        for (pid_t p : pids) {
-            if (!ctl({"spear", std::to_string(p), std::to_string(rate)}, 1)) return false;
-        }
-        for (pid_t p : pids) {
-            if (!faulttest::seenStopped(p, 12000)) return false;
-        }
-        return true;
-    }
-
+    std::atomic<bool> stop{false};
+    std::atomic<int> count{0}, failures{0};
+    std::atomic<double> maxMs{0};
+    std::thread t;
 };
 
-TEST_F(Fault, ClientKilledWhileHoldingFrozenAndLimitedProcesses) {
-    BackgroundTool client("qmedctl", {"listen", "5"}, mDaemon->clientOptions());
-    ASSERT_TRUE(client.waitForLine("listening")) << client.output();
-    std::vector<pid_t> frozen = spawnMany(TestChild::Kind::Sleep, 18);
-    std::vector<pid_t> frozenBusy = spawnMany(TestChild::Kind::Busy, 2);
-    frozen.insert(frozen.end(), frozenBusy.begin(), frozenBusy.end());
-    std::vector<pid_t> limited = spawnMany(TestChild::Kind::Busy, 2);
-    ASSERT_TRUE(freezeAll(frozen)) << mDaemon->log();
-    ASSERT_TRUE(limit(limited, 10)) << mDaemon->log();
-    long rss0 = faulttest::rssKb(mDaemon->pid());
-
-    client.kill(SIGKILL);
-    auto t0 = Clock::now();
-    ASSERT_TRUE(waitUntil(
-            [&] {
-                for (pid_t p : frozen) {
-                    if (inFrozenGroup(p)) return false;
-                }
-                return true;
-            },
-            5000))
-            << join(faulttest::frozenPids());
-    double thawMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
-    record("client_death_thaw_ms", thawMs);
-    EXPECT_TRUE(mDaemon->waitForLog("Binder client died !!! do fixing"));
-    for (pid_t p : frozenBusy) EXPECT_TRUE(faulttest::progresses(p, 5000)) << p;
-
-    // The client's death does not end its limits (a rate change still finds each group),
-    // and the limiter's cycle goes on continuing them.
-    for (pid_t p : limited) {
-        EXPECT_TRUE(ctl({"rate", std::to_string(p), "20"}, 1)) << p;
-        EXPECT_TRUE(faulttest::progresses(p, 5000)) << p;
+// A real daemon under the simulator; children and clients die with the test, thawed first.
+class Fault : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(0, access("/dev/frz/cgroup.procs", F_OK)) << "run through qmed-ns";
+        DaemonOptions o;
+        o.simulator = true;
+        o.logLevel = logLevel;
+        // A small quarantine, so VmRSS shows what the daemon keeps.
+        const char* asan = getenv("ASAN_OPTIONS");
+        o.env["ASAN_OPTIONS"] =
+                std::string(asan ? asan : "") + ":verify_asan_link_order=0:quarantine_size_mb=4";
+        d = std::make_unique<Daemon>(o);
+        ASSERT_TRUE(d->start()) << d->log();
+        ASSERT_EQ(0, d->kmodsim({"wait-identified", "5000"}).exitCode);
+        rss0 = rssKb(d->pid());
     }
-    ASSERT_TRUE(mDaemon->running()) << mDaemon->log();
-    EXPECT_EQ(0, mDaemon->qmedctl({"cmdline", "1"}).exitCode);
+    Pids spawn(TestChild::Kind k, int n = 1) {
+        Pids out;
+        for (int i = 0; i < n; i++) kids.push_back(TestChild::spawn(k));
+        for (int i = 0; i < n; i++) out.push_back(kids[kids.size() - n + i].pid());
+        return out;
+    }
+    static std::vector<std::string> cmd(const char* name, const Pids& pids, int arg = -1) {
+        std::vector<std::string> a{name};
+        for (pid_t p : pids) a.push_back(std::to_string(p));
+        if (arg >= 0) a.push_back(std::to_string(arg));
+        return a;
+    }
+    ::testing::AssertionResult ctl(const std::vector<std::string>& args, int want = 1) {
+        ToolResult r = d->qmedctl(args);
+        if (r.out.find("(result " + std::to_string(want) + ")") != std::string::npos)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "qmedctl " << args[0] << ": " << r.out << r.err;
+    }
+    bool freeze(const Pids& pids) {
+        return d->qmedctl(cmd("freeze", pids)).exitCode == 0 &&
+               std::all_of(pids.begin(), pids.end(),
+                           [](pid_t p) { return waitUntil([&] { return isFrozen(p); }, 5000); });
+    }
+    // Limiting begins on the fourth cycle, so the first stop comes after a few seconds.
+    bool limit(const Pids& pids, int rate) {
+        for (pid_t p : pids)
+            if (!ctl(cmd("spear", {p}, rate))) return false;
+        return std::all_of(pids.begin(), pids.end(), [](pid_t p) {
+            return waitUntil([&] { return procState(p) == 'T'; }, 12000);
+        });
+    }
+    std::unique_ptr<BackgroundTool> listen(const char* mask) {
+        auto l = std::make_unique<BackgroundTool>(
+                "qmedctl", std::vector<std::string>{"listen", mask}, d->clientOptions());
+        EXPECT_TRUE(l->waitForLine("listening")) << l->output();
+        return l;
+    }
+    ToolResult quick(const std::vector<std::string>& args) const {
+        RunOptions o = d->clientOptions();
+        o.timeoutMs = 5000;
+        return runTool("qmedctl", args, o);
+    }
+    void expectHealthy(long rssSlackKb) {
+        ASSERT_TRUE(d->running()) << d->log().substr(0, 4000);
+        EXPECT_EQ(0, d->qmedctl({"cmdline", "1"}).exitCode);
+        EXPECT_LT(rssKb(d->pid()), rss0 + rssSlackKb);
+    }
 
-    EXPECT_TRUE(ctl({"stop-all"}, 1));
-    std::vector<pid_t> all = frozen;
-    all.insert(all.end(), limited.begin(), limited.end());
-    EXPECT_EQ("", join(heldDuring(all, 1500)));
-    // A new client gets the same service.
-    pid_t again = spawn(TestChild::Kind::Sleep);
-    EXPECT_TRUE(freezeAll({again}));
-    EXPECT_LT(faulttest::rssKb(mDaemon->pid()), rss0 + 32 * 1024);
+    const char* logLevel = "d";
+    long rss0 = 0;
+    std::unique_ptr<Daemon> d;
+    std::vector<TestChild> kids;
+};
+
+#ifndef QMED_FAULT_LOAD
+TEST_F(Fault, ClientKilledWhileHoldingFrozenAndLimitedProcesses) {
+    auto client = listen("5");
+    Pids frozen = spawn(TestChild::Kind::Sleep, 18), busy = spawn(TestChild::Kind::Busy, 2);
+    Pids limited = spawn(TestChild::Kind::Busy, 2);
+    frozen.insert(frozen.end(), busy.begin(), busy.end());
+    ASSERT_TRUE(freeze(frozen)) << d->log();
+    ASSERT_TRUE(limit(limited, 10)) << d->log();
+    client->kill(SIGKILL);
+    auto t0 = Clock::now();
+    ASSERT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000));
+    record("client_death_thaw_ms", msSince(t0));
+    EXPECT_TRUE(d->waitForLog("Binder client died !!! do fixing"));
+    for (pid_t p : busy) EXPECT_TRUE(progresses(p)) << p;
+    // Its limits outlive it (a rate change still finds each group) and keep cycling.
+    for (pid_t p : limited) EXPECT_TRUE(ctl(cmd("rate", {p}, 20)) && progresses(p)) << p;
+    EXPECT_TRUE(ctl({"stop-all"}));
+    frozen.insert(frozen.end(), limited.begin(), limited.end());
+    EXPECT_EQ("", heldDuring(frozen, 1500));
+    EXPECT_TRUE(freeze(spawn(TestChild::Kind::Sleep)));  // the next client is served
+    expectHealthy(32 * 1024);
 }
 
 TEST_F(Fault, DaemonKilledWithFrozenAndStoppedProcessesRecoversOnRestart) {
-    std::vector<pid_t> frozen = spawnMany(TestChild::Kind::Sleep, 4);
-    std::vector<pid_t> frozenBusy = spawnMany(TestChild::Kind::Busy, 2);
-    frozen.insert(frozen.end(), frozenBusy.begin(), frozenBusy.end());
-    std::vector<pid_t> limited = spawnMany(TestChild::Kind::Busy, 2);
-    ASSERT_TRUE(freezeAll(frozen)) << mDaemon->log();
+    Pids frozen = spawn(TestChild::Kind::Sleep, 4), busy = spawn(TestChild::Kind::Busy, 2);
+    Pids limited = spawn(TestChild::Kind::Busy, 2);
+    frozen.insert(frozen.end(), busy.begin(), busy.end());
+    ASSERT_TRUE(freeze(frozen)) << d->log();
     // At 5 % both are stopped most of each second; kill the daemon when they are.
-    ASSERT_TRUE(limit(limited, 5)) << mDaemon->log();
-    ASSERT_TRUE(waitUntil(
-            [&] {
-                for (pid_t p : limited) {
-                    if (qmedtest::procState(p) != 'T') return false;
-                }
-                return true;
-            },
-            5000));
-    mDaemon->kill(SIGKILL);
-    ASSERT_TRUE(mDaemon->waitExit(5000));
+    ASSERT_TRUE(limit(limited, 5)) << d->log();
+    auto bothStopped = [&] { return procState(limited[0]) == 'T' && procState(limited[1]) == 'T'; };
+    ASSERT_TRUE(waitUntil(bothStopped, 5000));
+    d->kill(SIGKILL);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     for (pid_t p : frozen) EXPECT_TRUE(isFrozen(p)) << p;
-    for (pid_t p : limited) ASSERT_EQ('T', qmedtest::procState(p)) << p;
-
-    ASSERT_TRUE(mDaemon->start()) << mDaemon->log();
+    ASSERT_TRUE(bothStopped());
+    ASSERT_TRUE(d->start()) << d->log();
     // The pool's start-up clean-up thaws what the dead daemon froze and drops its groups.
-    EXPECT_TRUE(waitUntil([&] { return faulttest::frozenPids().empty(); }, 5000))
-            << join(faulttest::frozenPids());
-    for (pid_t p : frozenBusy) EXPECT_TRUE(faulttest::progresses(p, 5000)) << p;
-    EXPECT_EQ(20u, ownGroupCount());
-    // Nobody knows about the stopped ones until a stop request names them.
-    for (pid_t p : limited) EXPECT_EQ('T', qmedtest::procState(p)) << p;
-    for (pid_t p : limited) EXPECT_TRUE(ctl({"stop", std::to_string(p)}, 1)) << p;
-    std::vector<pid_t> all = frozen;
-    all.insert(all.end(), limited.begin(), limited.end());
-    EXPECT_EQ("", join(heldDuring(all, 1500)));
-    for (pid_t p : limited) EXPECT_TRUE(faulttest::progresses(p, 5000)) << p;
+    size_t own = 0;
+    EXPECT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000));
+    frozenPids(&own);
+    EXPECT_EQ(20u, own);
+    for (pid_t p : busy) EXPECT_TRUE(progresses(p)) << p;
+    // Nobody knows the stopped ones until a stop request names them.
+    EXPECT_TRUE(bothStopped());
+    for (pid_t p : limited) EXPECT_TRUE(ctl(cmd("stop", {p}))) << p;
+    frozen.insert(frozen.end(), limited.begin(), limited.end());
+    EXPECT_EQ("", heldDuring(frozen, 1500));
+    for (pid_t p : limited) EXPECT_TRUE(progresses(p)) << p;
 }
 
 TEST_F(Fault, SimulatorVanishingAndComingBackNeitherKillsNorWedgesTheDaemon) {
-    BackgroundTool listener("qmedctl", {"listen", "1"}, mDaemon->clientOptions());
-    ASSERT_TRUE(listener.waitForLine("listening")) << listener.output();
-    ASSERT_EQ(0, mDaemon->kmodsim({"event", "kind", "77", "before"}).exitCode);
-    ASSERT_TRUE(listener.waitForLine("text=\"before\"")) << listener.output();
-    long rss0 = faulttest::rssKb(mDaemon->pid());
-
-    mDaemon->stopSimulator();
+    auto listener = listen("1");
+    ASSERT_EQ(0, d->kmodsim({"event", "kind", "77", "before"}).exitCode);
+    ASSERT_TRUE(listener->waitForLine("text=\"before\"")) << listener->output();
+    d->stopSimulator();
     // A hub spinning on a dead socket would show here.
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    long cpu0 = qmedtest::procCpuTicks(mDaemon->pid());
+    long cpu0 = procCpuTicks(d->pid());
     std::this_thread::sleep_for(std::chrono::seconds(2));
-    long cpu1 = qmedtest::procCpuTicks(mDaemon->pid());
-    EXPECT_LT(cpu1 - cpu0, sysconf(_SC_CLK_TCK)) << "daemon busy without its module";
-
-    ASSERT_TRUE(mDaemon->running()) << mDaemon->log();
-    qmedtest::ToolResult r = mDaemon->qmedctl({"cmdline", "1"});
-    EXPECT_EQ(0, r.exitCode) << r.err;
-    // Commands for the module come back (failed or not) instead of hanging the caller.
-    qmedtest::RunOptions quick = mDaemon->clientOptions();
-    quick.timeoutMs = 5000;
-    qmedtest::ToolResult mask = qmedtest::runTool("qmedctl", {"mask", "5"}, quick);
-    EXPECT_NE(128 + SIGKILL, mask.exitCode);
-    printf("mask without module: exit %d %s%s", mask.exitCode, mask.out.c_str(), mask.err.c_str());
-    // Freezing still works; its waiting-binder note has nowhere to go.
-    pid_t child = spawn(TestChild::Kind::Busy);
-    qmedtest::ToolResult frz = qmedtest::runTool("qmedctl", cmd("freeze", {child}), quick);
-    EXPECT_EQ(0, frz.exitCode) << frz.out << frz.err;
-    EXPECT_TRUE(waitUntil([&] { return isFrozen(child); }, 5000));
-    EXPECT_EQ(0, qmedtest::runTool("qmedctl", cmd("thaw", {child}), quick).exitCode);
-    EXPECT_TRUE(faulttest::progresses(child, 3000));
-
-    // The simulator comes back on the same address. The daemon opened its channel once at
-    // start-up, so whether it reconnects is recorded, not assumed.
-    ASSERT_TRUE(mDaemon->startSimulator());
-    bool reconnected = mDaemon->kmodsim({"wait-connected", "2000"}).exitCode == 0;
-    bool delivered = false;
-    if (reconnected) {
-        mDaemon->kmodsim({"event", "kind", "77", "after"});
-        delivered = listener.waitForLine("text=\"after\"", 2000);
-    }
-    record("simulator_back_reconnected", reconnected ? 1 : 0);
-    record("simulator_back_event_delivered", delivered ? 1 : 0);
-
-    ASSERT_TRUE(mDaemon->running()) << mDaemon->log();
-    r = mDaemon->qmedctl({"cmdline", "1"});
-    EXPECT_EQ(0, r.exitCode) << r.err;
-    EXPECT_EQ("", join(heldDuring({child}, 300)));
-    EXPECT_LT(faulttest::rssKb(mDaemon->pid()), rss0 + 32 * 1024);
+    EXPECT_LT(procCpuTicks(d->pid()) - cpu0, sysconf(_SC_CLK_TCK)) << "busy without its module";
+    // Commands for the module come back instead of hanging; freezing still works.
+    EXPECT_NE(128 + SIGKILL, quick({"mask", "5"}).exitCode);
+    Pids child = spawn(TestChild::Kind::Busy);
+    EXPECT_EQ(0, quick(cmd("freeze", child)).exitCode);
+    EXPECT_TRUE(waitUntil([&] { return isFrozen(child[0]); }, 5000));
+    EXPECT_EQ(0, quick(cmd("thaw", child)).exitCode);
+    EXPECT_TRUE(progresses(child[0], 3000));
+    // It opened its channel once at start-up: a reconnect is recorded, not assumed.
+    ASSERT_TRUE(d->startSimulator());
+    bool back = d->kmodsim({"wait-connected", "2000"}).exitCode == 0;
+    bool delivered = back && d->kmodsim({"event", "kind", "77", "after"}).exitCode == 0 &&
+                     listener->waitForLine("text=\"after\"", 2000);
+    record("simulator_back_reconnected", back);
+    record("simulator_back_event_delivered", delivered);
+    EXPECT_EQ("", heldDuring(child, 300));
+    expectHealthy(32 * 1024);
 }
 
-// A listener for release notices that stops inside its callback while the limiter lets a
-// group go. Callbacks are synchronous and the loop releases groups right after its stop
-// phase, so a notice sent from the loop would keep every limited process stopped and every
-// limiter command waiting until the listener returned or died.
+// Callbacks are synchronous and the loop releases groups right after its stop phase, so a
+// release notice sent from the loop would keep every limited process stopped, and every
+// limiter command waiting, until a stuck listener returned or died.
 TEST_F(Fault, StuckReleaseListenerLeavesNoLimitedProcessStopped) {
-    BackgroundTool listener("qmedctl", {"listen", "4"}, mDaemon->clientOptions());
-    ASSERT_TRUE(listener.waitForLine("listening")) << listener.output();
-    pid_t owner = spawn(TestChild::Kind::Busy);
-    std::vector<pid_t> limited = spawnMany(TestChild::Kind::Busy, 1);
-    ASSERT_TRUE(limit({owner, limited[0]}, 5)) << mDaemon->log();
-
-    listener.kill(SIGSTOP);
-    // The owner exits; its group is released as empty on the next cycle.
-    mChildren.front().kill(SIGKILL);
+    auto listener = listen("4");
+    Pids pids = spawn(TestChild::Kind::Busy, 2);
+    ASSERT_TRUE(limit(pids, 5)) << d->log();
+    listener->kill(SIGSTOP);
+    kids[0].kill(SIGKILL);  // its group is released as empty on the next cycle
     std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-    bool progressed = faulttest::progresses(limited[0], 3000);
-    qmedtest::RunOptions quick = mDaemon->clientOptions();
-    quick.timeoutMs = 5000;
-    qmedtest::ToolResult stop =
-            qmedtest::runTool("qmedctl", {"stop", std::to_string(limited[0])}, quick);
-
-    // The stuck peer dies; whatever waited on it goes on.
-    listener.kill(SIGKILL);
-    EXPECT_TRUE(progressed) << "pid " << limited[0] << " state " << qmedtest::procState(limited[0])
-                            << " while the release listener was stuck";
-    EXPECT_EQ(0, stop.exitCode) << "stop while the release listener was stuck: " << stop.out
-                                << stop.err;
-    EXPECT_TRUE(ctl({"stop-all"}, 1) || ctl({"stop", std::to_string(limited[0])}, 1));
-    EXPECT_EQ("", join(heldDuring(limited, 1500)));
-    ASSERT_TRUE(mDaemon->running());
+    bool progressed = progresses(pids[1], 3000);
+    ToolResult stop = quick(cmd("stop", {pids[1]}));
+    listener->kill(SIGKILL);
+    EXPECT_TRUE(progressed) << "state " << procState(pids[1]) << " while the listener was stuck";
+    EXPECT_EQ(0, stop.exitCode) << "stop while the listener was stuck: " << stop.out << stop.err;
+    EXPECT_EQ("", heldDuring({pids[1]}, 1500));
+    ASSERT_TRUE(d->running());
 }
 
+#else
+class Load : public Fault {
+  protected:
+    Load() { logLevel = "i"; }
+    // 1,000 events every 100 ms until end. The simulator answers once the daemon took the
+    // whole flood, so an overrunning tick is not made up.
+    void flood(Clock::time_point end, std::atomic<long>* sent, std::atomic<int>* commands) {
+        RunOptions o;
+        o.timeoutMs = 60000;
+        for (auto tick = Clock::now(); Clock::now() < end; (*commands)++) {
+            ToolResult r = runTool(
+                    "kmodsim", {"--ctl", d->simulatorCtl(), "flood", "1000", "kind", "77", "f"}, o);
+            long n = 0;
+            if (r.exitCode == 0 && sscanf(r.out.c_str(), "sent %ld", &n) == 1) *sent += n;
+            std::this_thread::sleep_until(tick += std::chrono::milliseconds(100));
+        }
+    }
+};
+
+// A listener that never returns holds the hub (and the registry) until it dies, as a stuck
+// binder peer would on the device. Binder threads keep serving, a dead client's processes
+// are thawed meanwhile, and once the peer is gone the hub delivers the whole backlog.
+TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
+    auto ms = [](double s) { return std::chrono::milliseconds(static_cast<long>(s * 1000)); };
+    const double secs = 10 * scale();
+    std::atomic<long> unheard{0}, sent{0};
+    std::atomic<int> commands{0};
+    auto t0 = Clock::now();
+    flood(t0 + ms(secs * 0.2), &unheard, &commands);
+    record("flood_events_per_second_no_listener", unheard / (msSince(t0) / 1000));
+    auto a = listen("1"), b = listen("1"), stuck = listen("1"), holder = listen("2");
+    Pids held = spawn(TestChild::Kind::Busy);
+    ASSERT_TRUE(freeze(held));
+    rss0 = rssKb(d->pid());
+    const auto start = Clock::now(), end = start + ms(secs);
+    commands = 0;
+    std::thread flooder([&] { flood(end, &sent, &commands); });
+    Prober prober(*d, 250);
+    std::this_thread::sleep_until(start + ms(secs * 0.3));  // all three keep up at first
+    record("flood_events_per_second_all_listening", sent / (msSince(start) / 1000));
+    stuck->kill(SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    holder->kill(SIGKILL);
+    auto died = Clock::now();
+    EXPECT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000)) << "left frozen";
+    record("flood_thaw_ms_after_client_death_while_stuck", msSince(died));
+    std::this_thread::sleep_until(end);
+    prober.finish();
+    record("flood_delivered_a_while_stuck", a->countLines("kind=77"));
+    record("flood_delivered_b_while_stuck", b->countLines("kind=77"));
+    ASSERT_TRUE(d->running()) << d->log().substr(0, 4000);
+    auto killed = Clock::now();
+    stuck->kill(SIGKILL);
+    flooder.join();
+    record("flood_seconds", msSince(start) / 1000);
+    ToolResult m = runTool("kmodsim", {"--ctl", d->simulatorCtl(), "event", "kind", "78", "end"});
+    EXPECT_EQ(0, m.exitCode) << m.out << m.err;
+    EXPECT_TRUE(a->waitForLine("text=\"end\"", 30000) && b->waitForLine("text=\"end\"", 5000));
+    record("flood_drain_ms_after_stuck_death", msSince(killed));
+    record("flood_commands", commands);
+    record("flood_events_sent", sent);
+    record("flood_delivered_a", a->countLines("kind=77"));
+    record("flood_delivered_b", b->countLines("kind=77"));
+    for (auto* l : {a.get(), b.get()})  // none dropped
+        EXPECT_EQ(sent.load(), static_cast<long>(l->countLines("kind=77")));
+    EXPECT_TRUE(progresses(held[0]));
+    record("flood_probe_max_ms", prober.maxMs);
+    EXPECT_EQ(0, prober.failures);
+    EXPECT_GT(prober.count, 0);
+    EXPECT_LT(prober.maxMs, 5000);  // a binder thread answers while the hub is blocked
+    EXPECT_TRUE(d->waitForLog("Binder client died !!! do fixing"));
+    expectHealthy(64 * 1024);
+}
+
+TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
+    using S = IQmedBinderService;
+    const double secs = 60 * scale();
+    Pids always = spawn(TestChild::Kind::Busy, 2), all = always;
+    for (pid_t p : always) ASSERT_TRUE(ctl(cmd("spear", {p}, 30)));  // the loop never pauses
+    Pids sleepers = spawn(TestChild::Kind::Sleep, 8), busies = spawn(TestChild::Kind::Busy, 8);
+    all.insert(all.end(), sleepers.begin(), sleepers.end());
+    all.insert(all.end(), busies.begin(), busies.end());
+    int fds[2];  // after the spawns, so that only the clients hold its write end
+    ASSERT_EQ(0, pipe(fds));
+    std::vector<TestChild> clients;
+    auto start = Clock::now();
+    for (int i = 0; i < 8; i++) {
+        pid_t sleeper = sleepers[i], busy = busies[i];
+        // Freezes and thaws its own sleeper, limits its own busy child, asks questions.
+        clients.push_back(TestChild::run([&, sleeper, busy] {
+            for (auto& kv : d->clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+            auto svc = android::defaultServiceManager()->checkService(
+                    android::String16("Binder.Qmed"));
+            long ok = 0, errors = 0;
+            auto call = [&](uint32_t code, std::vector<int> words, const char* name = nullptr) {
+                android::Parcel data, reply;
+                data.writeInterfaceToken(S::descriptor);
+                for (int w : words) data.writeInt32(w);
+                if (name) data.writeString16(android::String16(name)), data.writeInt32(-1);
+                bool good = svc && svc->transact(code, data, &reply, 0) == android::NO_ERROR &&
+                            reply.readInt32() == 0;
+                (good ? ok : errors)++;
+            };
+            for (int r = 0; Clock::now() < start + std::chrono::duration<double>(secs); r++) {
+                call(S::DO_FREEZER, {1, 2, sleeper, -1});
+                call(S::GET_CMDLINE_BY_PID, {busy});
+                call(S::GET_PROC_UTIME, {busy});
+                call(S::DO_SPEAR, {busy, 40 + r % 20, 0, 0});
+                call(S::DO_FREEZER, {2, 2, sleeper, -1});
+                call(S::GET_PROC_CPU_TIME, {2, 1, busy});
+                call(S::CHANGE_SPEAR_PARAM, {busy, 50});
+                call(S::PAUSE_SPEAR, {busy, 1});
+                call(S::GET_PID_BY_NAME_AND_UID, {}, "init");
+                if (r % 10 == 9) call(S::STOP_SPEAR, {busy});
+            }
+            call(S::STOP_SPEAR, {busy});
+            call(S::DO_FREEZER, {2, 2, sleeper, -1});
+            dprintf(fds[1], "%ld %ld\n", ok, errors);
+        }));
+    }
+    close(fds[1]);
+    Prober prober(*d, 1000);
+    // A client still running 30 s after the end waits on a transaction that never came back.
+    int done = 0;
+    for (TestChild& c : clients)
+        done += c.reap(std::max(0.0, secs * 1000 + 30000 - msSince(start)));
+    prober.finish();
+    EXPECT_EQ(8, done) << "clients still waiting on the daemon";
+    clients.clear();
+    long ok = 0, errors = 0, a, b;
+    FILE* in = fdopen(fds[0], "r");
+    while (fscanf(in, "%ld %ld", &a, &b) == 2) ok += a, errors += b;
+    fclose(in);
+    record("load_seconds", msSince(start) / 1000);
+    record("load_transactions", ok);
+    record("load_transactions_per_second", ok / secs);
+    record("load_errors", errors);
+    record("load_probe_max_ms", prober.maxMs);
+    EXPECT_GT(ok, 0);
+    EXPECT_EQ(0, errors);  // refusals are answers; only transport failures count
+    EXPECT_EQ(0, prober.failures);
+    ASSERT_TRUE(d->running()) << d->log().substr(0, 4000);
+    d->qmedctl({"stop-all"});
+    EXPECT_EQ("", heldDuring(all, 1500));
+    expectHealthy(64 * 1024);
+}
+
+#endif
 }  // namespace

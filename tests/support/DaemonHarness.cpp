@@ -80,14 +80,16 @@ bool Daemon::startSimulator(const std::vector<std::string>& serveArgs) {
     if (mSim) return true;
     unlink(simulatorSocket().c_str());
     unlink(simulatorCtl().c_str());
-    std::vector<std::string> args = {"serve", "--sock", simulatorSocket(), "--ctl", simulatorCtl(),
-                                     "--log", mWorkDir + "/kmodsim.log"};
+    std::vector<std::string> args = {"serve",        "--sock", simulatorSocket(),        "--ctl",
+                                     simulatorCtl(), "--log",  mWorkDir + "/kmodsim.log"};
     args.insert(args.end(), serveArgs.begin(), serveArgs.end());
     mSim = std::make_unique<BackgroundTool>("kmodsim", args);
     return waitUntil([&] { return access(simulatorCtl().c_str(), F_OK) == 0; }, 5000);
 }
 
-void Daemon::stopSimulator() { mSim.reset(); }
+void Daemon::stopSimulator() {
+    mSim.reset();
+}
 
 ToolResult Daemon::kmodsim(const std::vector<std::string>& args) const {
     std::vector<std::string> a = {"--ctl", simulatorCtl()};
@@ -141,13 +143,13 @@ bool Daemon::start(int timeoutMs) {
     mPid = pid;
     if (!mOpts.waitForService) return true;
     return waitUntil(
-            [&] {
-                if (!running()) return true;
-                ToolResult r = service({"check", "Binder.Qmed"});
-                return r.exitCode == 0 && r.out.find("not found") == std::string::npos &&
-                       r.out.find("found") != std::string::npos;
-            },
-            timeoutMs) &&
+                   [&] {
+                       if (!running()) return true;
+                       ToolResult r = service({"check", "Binder.Qmed"});
+                       return r.exitCode == 0 && r.out.find("not found") == std::string::npos &&
+                              r.out.find("found") != std::string::npos;
+                   },
+                   timeoutMs) &&
            running();
 }
 
@@ -165,10 +167,7 @@ bool Daemon::running() const {
 void Daemon::kill(int sig) {
     if (mPid <= 0) return;
     ::kill(mPid, sig);
-    if (sig == SIGKILL) {
-        waitpid(mPid, nullptr, 0);
-        mPid = -1;
-    }
+    if (sig == SIGKILL) waitExit(5000);
 }
 
 bool Daemon::waitExit(int timeoutMs, int* status) {
@@ -182,8 +181,12 @@ bool Daemon::waitExit(int timeoutMs, int* status) {
     return done;
 }
 
-std::string Daemon::log() const { return readFile(mWorkDir + "/daemon.log"); }
-std::string Daemon::out() const { return readFile(mWorkDir + "/daemon.out"); }
+std::string Daemon::log() const {
+    return readFile(mWorkDir + "/daemon.log");
+}
+std::string Daemon::out() const {
+    return readFile(mWorkDir + "/daemon.out");
+}
 
 bool Daemon::waitForLog(const std::string& text, int timeoutMs) const {
     return waitUntil([&] { return log().find(text) != std::string::npos; }, timeoutMs);
@@ -268,10 +271,7 @@ size_t BackgroundTool::countLines(const std::string& text) const {
 void BackgroundTool::kill(int sig) {
     if (mPid <= 0 || mReaped) return;
     ::kill(mPid, sig);
-    if (sig == SIGKILL) {
-        waitpid(mPid, nullptr, 0);
-        mReaped = true;
-    }
+    if (sig == SIGKILL) waitExit(5000);
 }
 
 bool BackgroundTool::waitExit(int timeoutMs, int* status) {

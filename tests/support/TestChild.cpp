@@ -1,5 +1,6 @@
 #include "tests/support/TestChild.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -108,6 +109,31 @@ TestChild TestChild::spawnTree(Kind kind, int children, int grandchildren) {
     return t;
 }
 
+TestChild TestChild::run(const std::function<void()>& body) {
+    TestChild t;
+    t.mPid = fork();
+    if (t.mPid == 0) {
+        setupChild("", 0);
+        body();
+        _exit(0);
+    }
+    t.mTree.push_back(t.mPid);
+    return t;
+}
+
+// A frozen task ignores SIGKILL: thaw the daemon's groups under /dev/frz holding it.
+static void thawGroupOf(pid_t pid) {
+    DIR* d = opendir("/dev/frz");
+    while (struct dirent* e = d ? readdir(d) : nullptr) {
+        std::string g = std::string("/dev/frz/") + e->d_name;
+        std::string tasks = "\n" + readFile(g + "/tasks");
+        if (e->d_name[0] != '.' &&
+            tasks.find("\n" + std::to_string(pid) + "\n") != std::string::npos)
+            writeFile(g + "/freezer.state", "THAWED");
+    }
+    if (d) closedir(d);
+}
+
 TestChild::TestChild(TestChild&& o) noexcept : mPid(o.mPid), mTree(std::move(o.mTree)) {
     o.mPid = -1;
     o.mTree.clear();
@@ -124,19 +150,19 @@ TestChild& TestChild::operator=(TestChild&& o) noexcept {
     return *this;
 }
 
-TestChild::~TestChild() { kill(); }
+TestChild::~TestChild() {
+    kill();
+}
 
 void TestChild::kill(int sig) {
     if (mPid <= 0) return;
     for (auto it = mTree.rbegin(); it != mTree.rend(); ++it) {
+        if (sig == SIGKILL) thawGroupOf(*it);
         ::kill(*it, SIGCONT);
         ::kill(*it, sig);
     }
-    if (sig == SIGKILL) {
-        waitpid(mPid, nullptr, 0);
-        mPid = -1;
-        mTree.clear();
-    }
+    if (sig == SIGKILL && !reap(5000))
+        fprintf(stderr, "qmedtest: child %d outlived SIGKILL\n", mPid);
 }
 
 bool TestChild::reap(int timeoutMs) {

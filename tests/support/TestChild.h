@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,7 +10,7 @@ namespace qmedtest {
 
 // A forked child process for tests, killed and reaped on destruction.
 class TestChild {
-public:
+  public:
     enum class Kind { Busy, Sleep };
 
     // Forks a child that spins (Busy) or sleeps (Sleep). name is set with
@@ -22,6 +23,8 @@ public:
     // Forks a child that forks `children` children of the same kind, each
     // forking `grandchildren`; pids() lists the whole tree, root first.
     static TestChild spawnTree(Kind kind, int children, int grandchildren);
+    // Forks a child that runs body and exits.
+    static TestChild run(const std::function<void()>& body);
 
     TestChild() = default;
     TestChild(TestChild&& other) noexcept;
@@ -32,20 +35,20 @@ public:
 
     pid_t pid() const { return mPid; }
     const std::vector<pid_t>& pids() const { return mTree; }
-    // Sends sig to the whole tree; SIGKILL also reaps the root.
+    // Sends sig to the whole tree; SIGKILL thaws it first and reaps the root.
     void kill(int sig = 9);
     // Reaps the root without signalling; true when it has exited.
     bool reap(int timeoutMs);
 
-private:
+  private:
     pid_t mPid = -1;
     std::vector<pid_t> mTree;
 };
 
 // /proc/PID/stat helpers; state is '?' and times -1 when the process is gone.
 char procState(pid_t pid);
-long procUtime(pid_t pid);          // user time in clock ticks
-long procCpuTicks(pid_t pid);       // user + system time in clock ticks
+long procUtime(pid_t pid);     // user time in clock ticks
+long procCpuTicks(pid_t pid);  // user + system time in clock ticks
 bool processExists(pid_t pid);
 
 }  // namespace qmedtest
