@@ -32,16 +32,14 @@ class TestService : public BBinder {
                 reply->writeInt32(++mCount);
                 return reply->writeInt64(mSum);
             case BIG_REPLY: {
-                const int32_t size = data.readInt32();
-                void* p = size < 0 ? nullptr : reply->writeInplace(size_t(size));
-                return p ? (memset(p, 'Z', size_t(size)), NO_ERROR) : NO_MEMORY;
+                const size_t size = size_t(data.readInt32());
+                return memset(reply->writeInplace(size), 'Z', size) ? NO_ERROR : NO_MEMORY;
             }
-            case BARRIER: {
+            case BARRIER: {  // 5 s at most: a serial server never lets the others in
                 const int parties = data.readInt32();
                 l.lock();
                 mMaxInside = std::max(mMaxInside, ++mInside);
                 mCond.notify_all();
-                // Liveness bound only: a serial server never lets the others in.
                 mCond.wait_for(l, std::chrono::seconds(5), [&] { return mMaxInside >= parties; });
                 mInside--;
                 return reply->writeInt32(mMaxInside);
@@ -66,7 +64,7 @@ class TestService : public BBinder {
 
 TestChild serveTestService(const std::string& name) {
     // One namespace per test process: an endpoint keeps the namespace it was created in.
-    setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 0);
+    setenv("BINDER_HOST_NS", ("ptest-" + std::to_string(getpid())).c_str(), 1);
     TestChild child = TestChild::run([&] {
         sigset_t term;
         sigemptyset(&term);

@@ -1,8 +1,6 @@
 // A binder service for the host platform tests, served from a forked child.
 #pragma once
 
-#include <binder/Binder.h>
-
 #include "tests/support/TestChild.h"
 
 namespace qmedtest {
