@@ -16,6 +16,25 @@ namespace qmedtest {
 
 static std::atomic<int> gDaemonCounter{0};
 
+// Forks and execs argv with stdin from /dev/null; the child dies with the test.
+static pid_t forkExec(const std::vector<std::string>& argv,
+                      const std::map<std::string, std::string>& env, uid_t uid, int out, int err,
+                      bool ownGroup) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (ownGroup) setpgid(0, 0);
+    int in = open("/dev/null", O_RDONLY);
+    if (in < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
+    for (auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
+    if (uid != 0 && (setgid(uid) || setuid(uid))) _exit(126);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+}
+
 Daemon::Daemon(DaemonOptions opts) : mOpts(std::move(opts)) {
     int n = gDaemonCounter++;
     const char* base = getenv("BINDER_HOST_NS");
@@ -107,39 +126,24 @@ bool Daemon::start(int timeoutMs) {
     argv.push_back(toolPath("ykqmed"));
     argv.insert(argv.end(), mOpts.args.begin(), mOpts.args.end());
 
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        setpgid(0, 0);
-        int err = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        int in = open("/dev/null", O_RDONLY);
-        if (err < 0 || out < 0 || in < 0) _exit(126);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        for (auto& kv : clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        setenv("QMED_LOG_LEVEL", mOpts.logLevel.c_str(), 1);
-        if (mOpts.simulator) {
-            std::string shim = toolPath("libkmodshim.so");
-            setenv("KMODSIM_SOCKET", simulatorSocket().c_str(), 1);
-            // Under qemu-user the preload must reach the guest, not qemu itself.
-            if (argv.size() > 1 && argv[0] != toolPath("ykqmed"))
-                setenv("QEMU_SET_ENV", ("LD_PRELOAD=" + shim).c_str(), 1);
-            else
-                setenv("LD_PRELOAD", shim.c_str(), 1);
-            // The shim is loaded ahead of the sanitizer runtime.
-            const char* asan = getenv("ASAN_OPTIONS");
-            std::string opts = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
-            setenv("ASAN_OPTIONS", opts.c_str(), 1);
-        }
-        for (auto& kv : mOpts.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        std::vector<char*> args;
-        for (auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
+    std::map<std::string, std::string> env = clientEnv();
+    env["QMED_LOG_LEVEL"] = mOpts.logLevel;
+    if (mOpts.simulator) {
+        std::string shim = toolPath("libkmodshim.so");
+        env["KMODSIM_SOCKET"] = simulatorSocket();
+        // Under qemu-user the preload must reach the guest, not qemu itself.
+        bool emulated = !emulatorPrefix().empty();
+        env[emulated ? "QEMU_SET_ENV" : "LD_PRELOAD"] = emulated ? "LD_PRELOAD=" + shim : shim;
+        // The shim is loaded ahead of the sanitizer runtime.
+        const char* asan = getenv("ASAN_OPTIONS");
+        env["ASAN_OPTIONS"] = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
     }
+    for (auto& kv : mOpts.env) env[kv.first] = kv.second;
+    int err = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    pid_t pid = err < 0 || out < 0 ? -1 : forkExec(argv, env, 0, out, err, true);
+    close(err);
+    close(out);
     mPid = pid;
     if (!mOpts.waitForService) return true;
     return waitUntil(
@@ -206,21 +210,7 @@ BackgroundTool::BackgroundTool(const std::string& tool, const std::vector<std::s
     std::vector<std::string> argv = emulatorPrefix();
     argv.push_back(toolPath(tool));
     argv.insert(argv.end(), args.begin(), args.end());
-    pid_t pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(pipeFd[1], 1);
-        dup2(pipeFd[1], 2);
-        for (auto& kv : opts.env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-        if (opts.uid != 0) {
-            if (setgid(opts.uid) || setuid(opts.uid)) _exit(126);
-        }
-        std::vector<char*> a;
-        for (auto& s : argv) a.push_back(const_cast<char*>(s.c_str()));
-        a.push_back(nullptr);
-        execvp(a[0], a.data());
-        _exit(127);
-    }
+    pid_t pid = forkExec(argv, opts.env, opts.uid, pipeFd[1], pipeFd[1], false);
     close(pipeFd[1]);
     mPid = pid;
     int fd = pipeFd[0];

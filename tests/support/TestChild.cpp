@@ -66,45 +66,32 @@ TestChild TestChild::spawn(Kind kind, const std::string& name, uid_t uid,
 TestChild TestChild::spawnTree(Kind kind, int children, int grandchildren) {
     int report[2];
     if (pipe(report)) return {};
-    pid_t root = fork();
-    if (root == 0) {
+    // Each forked member reports its pid, then forks its own `n` children, all alike.
+    std::function<void(int, int)> grow = [&](int n, int below) {
+        for (int i = 0; i < n; ++i) {
+            if (fork() != 0) continue;
+            setupChild("qmedtree", 0);
+            pid_t me = getpid();
+            if (write(report[1], &me, sizeof(me)) != sizeof(me)) _exit(1);
+            grow(below, 0);
+            close(report[1]);
+            childBody(kind);
+        }
+    };
+    TestChild t;
+    t.mPid = fork();
+    if (t.mPid == 0) {
         close(report[0]);
         setupChild("qmedtree", 0);
-        for (int i = 0; i < children; ++i) {
-            pid_t c = fork();
-            if (c == 0) {
-                setupChild("qmedtree", 0);
-                for (int j = 0; j < grandchildren; ++j) {
-                    pid_t g = fork();
-                    if (g == 0) {
-                        setupChild("qmedtree", 0);
-                        pid_t me = getpid();
-                        ssize_t n = write(report[1], &me, sizeof(me));
-                        (void)n;
-                        close(report[1]);
-                        childBody(kind);
-                    }
-                }
-                pid_t me = getpid();
-                ssize_t n = write(report[1], &me, sizeof(me));
-                (void)n;
-                close(report[1]);
-                childBody(kind);
-            }
-        }
+        grow(children, grandchildren);
         close(report[1]);
         childBody(kind);
     }
     close(report[1]);
-    TestChild t;
-    t.mPid = root;
-    t.mTree.push_back(root);
-    int expect = children + children * grandchildren;
-    for (int i = 0; i < expect; ++i) {
-        pid_t p;
-        if (read(report[0], &p, sizeof(p)) != sizeof(p)) break;
+    t.mTree.push_back(t.mPid);
+    for (pid_t p; t.mTree.size() <= size_t(children + children * grandchildren) &&
+                  read(report[0], &p, sizeof(p)) == sizeof(p);)
         t.mTree.push_back(p);
-    }
     close(report[0]);
     return t;
 }
@@ -175,38 +162,31 @@ bool TestChild::reap(int timeoutMs) {
     return done;
 }
 
-static bool readStatFields(pid_t pid, char* state, long* utime, long* stime) {
+// /proc/PID/stat: state, and utime + stime scaled by (user, sys); '?' / -1 when gone.
+static long statField(pid_t pid, int user, int sys, char* state = nullptr) {
     std::string s = readFile("/proc/" + std::to_string(pid) + "/stat");
-    auto close = s.rfind(')');
-    if (close == std::string::npos || close + 2 >= s.size()) return false;
-    const char* p = s.c_str() + close + 2;
-    char st = 0;
+    size_t close = s.rfind(')');
+    char st = '?';
     long ut = -1, sy = -1;
     // state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt utime stime
-    if (sscanf(p, "%c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &st, &ut, &sy) != 3)
-        return false;
-    *state = st;
-    *utime = ut;
-    *stime = sy;
-    return true;
+    if (close == std::string::npos ||
+        sscanf(s.c_str() + close + 1, " %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &st,
+               &ut, &sy) != 3)
+        return (state && (*state = '?')), -1;
+    if (state) *state = st;
+    return user * ut + sys * sy;
 }
 
 char procState(pid_t pid) {
     char st;
-    long u, s;
-    return readStatFields(pid, &st, &u, &s) ? st : '?';
+    statField(pid, 0, 0, &st);
+    return st;
 }
-
 long procUtime(pid_t pid) {
-    char st;
-    long u, s;
-    return readStatFields(pid, &st, &u, &s) ? u : -1;
+    return statField(pid, 1, 0);
 }
-
 long procCpuTicks(pid_t pid) {
-    char st;
-    long u, s;
-    return readStatFields(pid, &st, &u, &s) ? u + s : -1;
+    return statField(pid, 1, 1);
 }
 
 bool processExists(pid_t pid) {
