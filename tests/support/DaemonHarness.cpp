@@ -61,18 +61,6 @@ void Daemon::writeProperties() const {
     writeFile(propertyFile(), text);
 }
 
-void Daemon::setProperty(const std::string& name, const std::string& value) {
-    for (auto& kv : mOpts.properties) {
-        if (kv.first == name) {
-            kv.second = value;
-            writeProperties();
-            return;
-        }
-    }
-    mOpts.properties.emplace_back(name, value);
-    writeProperties();
-}
-
 std::map<std::string, std::string> Daemon::clientEnv() const {
     std::map<std::string, std::string> env;
     env["BINDER_HOST_NS"] = mBinderNs;

@@ -28,7 +28,7 @@ struct DaemonOptions {
 // Each Daemon gets its own binder name prefix, work folder and log file; a
 // restart keeps them, so clients and logs carry over.
 class Daemon {
-public:
+  public:
     explicit Daemon(DaemonOptions opts = {});
     ~Daemon();
     Daemon(const Daemon&) = delete;
@@ -49,7 +49,6 @@ public:
     const std::string& binderNs() const { return mBinderNs; }
     const std::string& workDir() const { return mWorkDir; }
     std::string propertyFile() const { return mWorkDir + "/properties"; }
-    void setProperty(const std::string& name, const std::string& value);
 
     // Environment a client of this daemon needs (binder prefix, simulator, ...).
     std::map<std::string, std::string> clientEnv() const;
@@ -68,9 +67,8 @@ public:
     ToolResult kmodsim(const std::vector<std::string>& args) const;
     std::string simulatorSocket() const { return mWorkDir + "/km.sock"; }
     std::string simulatorCtl() const { return mWorkDir + "/km.ctl"; }
-    std::string simulatorLog() const { return readFile(mWorkDir + "/kmodsim.log"); }
 
-private:
+  private:
     void writeProperties() const;
     std::unique_ptr<class BackgroundTool> mSim;
 
@@ -83,7 +81,7 @@ private:
 // A build/bin tool running in the background (e.g. `qmedctl listen 1`), its
 // stdout collected line by line.
 class BackgroundTool {
-public:
+  public:
     BackgroundTool(const std::string& tool, const std::vector<std::string>& args,
                    const RunOptions& opts = {});
     ~BackgroundTool();
@@ -98,7 +96,7 @@ public:
     void kill(int sig = 9);
     bool waitExit(int timeoutMs, int* status = nullptr);
 
-private:
+  private:
     void readLoop(int fd);
 
     pid_t mPid = -1;

@@ -25,7 +25,9 @@ std::string binDir() {
     return p.substr(0, p.rfind('/'));
 }
 
-std::string toolPath(const std::string& name) { return binDir() + "/" + name; }
+std::string toolPath(const std::string& name) {
+    return binDir() + "/" + name;
+}
 
 std::vector<std::string> emulatorPrefix() {
     std::vector<std::string> out;
@@ -39,14 +41,14 @@ std::vector<std::string> emulatorPrefix() {
 
 static ToolResult spawnAndCollect(const std::vector<std::string>& argv, const RunOptions& opts) {
     ToolResult r;
-    int outPipe[2], errPipe[2], inPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC) || pipe2(inPipe, O_CLOEXEC)) {
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC)) {
         r.err = "pipe failed";
         return r;
     }
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(inPipe[0], 0);
+        dup2(open("/dev/null", O_RDONLY), 0);
         dup2(outPipe[1], 1);
         dup2(errPipe[1], 2);
         setpgid(0, 0);
@@ -63,12 +65,6 @@ static ToolResult spawnAndCollect(const std::vector<std::string>& argv, const Ru
     }
     close(outPipe[1]);
     close(errPipe[1]);
-    close(inPipe[0]);
-    if (!opts.stdinText.empty()) {
-        ssize_t ignored = write(inPipe[1], opts.stdinText.data(), opts.stdinText.size());
-        (void)ignored;
-    }
-    close(inPipe[1]);
 
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(opts.timeoutMs);
     struct pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};

@@ -25,10 +25,9 @@ struct ToolResult {
 };
 
 struct RunOptions {
-    uid_t uid = 0;                            // switch to this uid (and gid) before exec when not 0
-    std::map<std::string, std::string> env;   // added to the inherited environment
-    int timeoutMs = 15000;                    // SIGKILL after this long
-    std::string stdinText;
+    uid_t uid = 0;                           // switch to this uid (and gid) before exec when not 0
+    std::map<std::string, std::string> env;  // added to the inherited environment
+    int timeoutMs = 15000;                   // SIGKILL after this long
 };
 
 // Runs a build/bin tool (through the emulator prefix) and collects its output.
