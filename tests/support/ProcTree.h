@@ -30,7 +30,7 @@ class ProcTree {
         std::string dir = mRoot + "/" + std::to_string(pid);
         return mkdir(dir.c_str(), 0755) == 0 && writeFile(dir + "/stat", stat) &&
                (!cmdline || writeFile(dir + "/cmdline", *cmdline)) &&
-               chown(dir.c_str(), uid, uid) == 0;
+               (uid == 0 || chown(dir.c_str(), uid, uid) == 0);
     }
     const std::string& root() const { return mRoot; }
 
