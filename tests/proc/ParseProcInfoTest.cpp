@@ -8,7 +8,6 @@
 #include "proc/ParseProcInfo.h"
 #include "tests/support/ProcTree.h"
 
-using namespace std::string_literals;
 using qmedtest::statLine;
 
 namespace {
@@ -30,7 +29,7 @@ const std::tuple<uid_t, std::string, std::optional<std::string>, std::string> kP
     {0, statLine(std::string(986, 'n'), 1, 1), {}, "0\t2\t" + std::string(986, 'n')},
     {0, statLine(std::string(987, 'n'), 1, 1), {}, "0\t1\t" + std::string(987, 'n')},
     {1000, statLine("nocmd", 1, 0), {}, ""},  // pid 109: no cmdline node
-    {1000, statLine("sys", 1, 0), ""s, "1000\t1\t"},
+    {1000, statLine("sys", 1, 0), std::string(), "1000\t1\t"},
     {1000, statLine("sys", 2, 0), std::string(200, 'c'), "1000\t2\t" + std::string(64, 'c')},
     // Records of exactly 99 bytes, and 100 bytes after a tab, for the buffer bound.
     {0, statLine(std::string(95, 'a'), 1, 2), {}, "0\t3\t" + std::string(95, 'a')},
@@ -64,8 +63,7 @@ TEST(ParseProcInfo, CpuTimeRecordsOfACannedTree) {
         });
     }
     for (auto& th : threads) th.join();
-    // 1024 records fill all but the final NUL; a record one byte longer is refused, and the
-    // short one after it too.
+    // 1024 records fill all but the final NUL; one byte more is refused, so is a short one after.
     const size_t size = ParseProcInfo::kCpuTimeBufferSize;
     const std::string rec = std::get<3>(kProcs[kFull - 100]);
     std::vector<int> over(1023, kFull);

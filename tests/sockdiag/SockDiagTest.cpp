@@ -28,7 +28,6 @@ struct Kernel {
     ~Kernel() { close(dump[1]), close(destroy[1]); }
 };
 
-// Every datagram written to the other end of peer so far.
 Ids drain(int peer) {
     Ids out;
     char buf[4096];
@@ -56,10 +55,6 @@ std::string attr(uint16_t type, const std::string& payload, uint16_t len = 0) {
     return a.resize(RTA_ALIGN(a.size()), '\0'), a;
 }
 
-std::string pidAttr(uint32_t pid) {
-    return attr(SockDiag::kAttrOwnerPid, raw(pid));
-}
-
 inet_diag_msg diag(const char* src, const char* dst = "10.0.0.1", uint16_t sport = 1,
                    uint8_t state = 1, uint32_t uid = kUid) {
     inet_diag_msg m = {};
@@ -74,6 +69,7 @@ std::string msg(const inet_diag_msg& m, const std::string& attrs = "") {
     return nlmsg(SOCK_DIAG_BY_FAMILY, raw(m) + attrs);
 }
 
+const std::string kOwner = attr(SockDiag::kAttrOwnerPid, raw(4242u));  // the pid asked for
 const std::string kDone = nlmsg(NLMSG_DONE, std::string(4, '\0')), kEof = "eof", kGone = "gone";
 const inet_diag_msg kEst = diag("10.0.0.2"), kTw = diag("10.0.0.2", "10.0.0.9", 2, 6),
                     kLo = diag("127.0.0.1", "127.0.0.1", 3),
@@ -103,24 +99,23 @@ using Script = std::tuple<int, Ids, std::string, int, int, std::vector<int>>;
 
 TEST(SockDiag, DestroyCallsAgainstAScriptedKernel) {
     signal(SIGPIPE, SIG_IGN);
-    const uint16_t kDiag = SOCK_DIAG_BY_FAMILY;
     // clang-format off
     const Script scripts[] = {
         {0, kDump, "", 0, 9, {1, 2, 23, 24, 4, 6, 33, 34, 36}},
         {0, {msg(diag("10.0.0.2", "10.0.0.1", 9, 1, kUid + 1)) + kDone, kDone}, "", 0, 0, {}},
-        // A refused destroy is logged and the dump goes on.
         {0, {msg(kEst) + msg(diag("10.0.0.2", "10.0.0.1", 2, 2)) + kDone, kDone}, errorMsg(-ENOENT, 56), 0, 1, {1, 2}},
         // The owner attribute: another pid, after another attribute, another uid, too short,
         // after a bad attribute, and loopback.
-        {4242, {msg(kEst, pidAttr(4242)) + msg(diag("10.0.0.2", "10.0.0.1", 11), pidAttr(999)) +
-                msg(kLater, attr(8, "\3") + pidAttr(4242)) +
-                msg(diag("10.0.0.2", "10.0.0.1", 13, 1, kUid + 1), pidAttr(4242)) +
+        {4242, {msg(kEst, kOwner) + msg(diag("10.0.0.2", "10.0.0.1", 11), attr(SockDiag::kAttrOwnerPid, raw(999u))) +
+                msg(kLater, attr(8, "\3") + kOwner) +
+                msg(diag("10.0.0.2", "10.0.0.1", 13, 1, kUid + 1), kOwner) +
                 msg(diag("10.0.0.2", "10.0.0.1", 15), attr(SockDiag::kAttrOwnerPid, "\x92\x10")) +
-                msg(diag("10.0.0.2", "10.0.0.1", 16), attr(2, "", 2) + pidAttr(4242)) +
-                msg(kLo, pidAttr(4242)) + kDone, kDone}, "", 0, 2, {1, 8}},
+                msg(diag("10.0.0.2", "10.0.0.1", 16), attr(2, "", 2) + kOwner) +
+                msg(kLo, kOwner) + kDone, kDone}, "", 0, 2, {1, 8}},
         // Each bad header ends its datagram; the next datagram is read as usual.
-        {0, {nlmsg(kDiag, "", 8) + msg(kTw), msg(kEst) + nlmsg(kDiag, std::string(72, '\0'), 4000) +
-             msg(kTw), nlmsg(kDiag, std::string(20, '\1')) + msg(kLater) + std::string(10, '\xff'),
+        {0, {nlmsg(SOCK_DIAG_BY_FAMILY, "", 8) + msg(kTw),
+             msg(kEst) + nlmsg(SOCK_DIAG_BY_FAMILY, std::string(72, '\0'), 4000) + msg(kTw),
+             nlmsg(SOCK_DIAG_BY_FAMILY, std::string(20, '\1')) + msg(kLater) + std::string(10, '\xff'),
              std::string(12, '\0'), kDone, nlmsg(NLMSG_ERROR, "")}, "", -EBADMSG, 2, {1, 8}},
         // Errors end the call, in either family and either path; the code comes from the peer.
         {0, {msg(kEst) + errorMsg(-ENOBUFS) + msg(kTw)}, "", -ENOBUFS, 1, {1}},
@@ -142,15 +137,13 @@ TEST(SockDiag, DestroyCallsAgainstAScriptedKernel) {
         }
         send(k.destroy[1], reply.data(), reply.size(), 0);
         LogCapture log;
-        EXPECT_EQ(
-                pid ? k.sd.destroySocketsPid(kUid, pid, true) : k.sd.destroySocketsUid(kUid, true),
-                ret);
+        EXPECT_EQ(ret, pid ? k.sd.destroySocketsPid(kUid, pid, true)
+                           : k.sd.destroySocketsUid(kUid, true));
         std::vector<int> ports;
         for (const std::string& r : drain(k.destroy[1]))
-            ports.push_back(uint8_t(r[24]) << 8 | uint8_t(r[25]));
+            ports.push_back(r[24] * 256 + uint8_t(r[25]));
         EXPECT_EQ(ports, want);
         EXPECT_EQ(k.sd.getDestroyedCount(), count);
-        // A count above 0 is logged.
         EXPECT_EQ(log.count("Destroyed " + std::to_string(count) + " sockets for uid:10001 "),
                   ret == 0 && count > 0 ? 1u : 0u);
         // IPv6 is never asked for once IPv4 failed.

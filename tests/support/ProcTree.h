@@ -1,7 +1,6 @@
 #pragma once
 
-// A canned stand-in for /proc in tmpfs: process folders with a stat node, an optional
-// cmdline node and a chosen owner.
+// A canned /proc in tmpfs: process folders with a stat node, maybe a cmdline node, an owner.
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
