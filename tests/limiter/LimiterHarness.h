@@ -16,21 +16,19 @@ namespace qmedtest {
 // Sleeps advance the clock and last a twentieth for real, so busy children run between samples.
 class DrivenLimiter : public ProcessLimiter {
   public:
-    explicit DrivenLimiter(const char* root = "/proc") : ProcessLimiter(root) {
-        gettimeofday(&now, nullptr);
-    }
     using ProcessLimiter::adjustWorkingRate, ProcessLimiter::computeGroupLoad,
             ProcessLimiter::findGroup, ProcessLimiter::mCpuCount, ProcessLimiter::mGroups,
             ProcessLimiter::mLoopRunning, ProcessLimiter::mLoopStart,
             ProcessLimiter::reportQmedState, ProcessLimiter::spearCycle,
             ProcessLimiter::updateLimiterGroup;
+    using ProcessLimiter::ProcessLimiter;
 
     void advanceMs(long ms) {
         long us = now.tv_usec + ms * 1000;
         now.tv_sec += us / 1000000;
         now.tv_usec = us % 1000000;
     }
-    struct timeval now;
+    struct timeval now = {1000000, 0};
     std::vector<int> sleepsMs;  // asked for, rounded
     int loopStarts = 0;
 

@@ -21,11 +21,10 @@ bool seen(const std::vector<pid_t>& pids, bool stopped, int ms) {
 
 // Seconds not stopped (on a CPU or waiting for one) and a clock.
 std::vector<double> times(pid_t pid) {
-    long long run = 0, wait = 0;
-    sscanf(readFile("/proc/" + std::to_string(pid) + "/schedstat").c_str(), "%lld %lld", &run,
-           &wait);
+    long long r = 0, w = 0;
+    sscanf(readFile("/proc/" + std::to_string(pid) + "/schedstat").c_str(), "%lld %lld", &r, &w);
     auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return {(run + wait) / 1e9, std::chrono::duration<double>(now).count()};
+    return {(r + w) / 1e9, std::chrono::duration<double>(now).count()};
 }
 
 class SpearDaemon : public ::testing::Test {
@@ -59,10 +58,8 @@ TEST_F(SpearDaemon, DutyCycleMatchesTheAppliedRateAndAStopFreesWhatADeadDaemonLe
     for (std::sregex_iterator it(window.begin(), window.end(), rateLine), end; it != end; ++it) {
         sum += atof((*it)[1].str().c_str()) / 100, n++;
     }
-    ASSERT_GT(n, 0) << window;
-    // On a loaded machine the child also waits for a CPU while it may run, so the
-    // duty cycle is the time it was not stopped; CPU time can only be less.
-    EXPECT_NEAR(sum / n, run / wall, 0.05);
+    // Waiting for a CPU counts: the duty cycle is the time not stopped, CPU time can be less.
+    EXPECT_NEAR(sum / n, run / wall, 0.05) << window;
 
     // The daemon dies while the child is stopped: nobody continues it but a new daemon.
     ASSERT_TRUE(seen({busy.pid()}, true, 3000));
