@@ -3,17 +3,15 @@
 // Load durations scale with QMED_FAULT_SCALE. Runs through tools/qmed-ns.
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <set>
-#include <sstream>
 
 #include "daemon/IQmedBinderService.h"
 #include "tests/support/DaemonHarness.h"
-#include "tests/support/TestChild.h"
+#include "tests/support/FrzGroups.h"
 
 using namespace qmedtest;
 using Clock = std::chrono::steady_clock;
@@ -24,9 +22,11 @@ namespace {
 double msSince(Clock::time_point t) {
     return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
 }
-void record(const char* name, double v) {
-    printf("FIGURE %s %.1f\n", name, v);
-    ::testing::Test::RecordProperty(name, std::to_string(v));
+void record(const std::vector<std::pair<const char*, double>>& figures) {
+    for (auto& [name, v] : figures) {
+        printf("FIGURE %s %.1f\n", name, v);
+        ::testing::Test::RecordProperty(name, std::to_string(v));
+    }
 }
 long rssKb(pid_t pid) {
     std::string s = readFile("/proc/" + std::to_string(pid) + "/status");
@@ -36,21 +36,12 @@ long rssKb(pid_t pid) {
 bool has(const Pids& v, pid_t p) {
     return std::find(v.begin(), v.end(), p) != v.end();
 }
-// Pids in a FROZEN or FREEZING group; with own, the number of the daemon's pool groups.
-Pids frozenPids(size_t* own = nullptr) {
+// Pids in the daemon's FROZEN or FREEZING groups.
+Pids frozenPids() {
     Pids out;
-    DIR* d = opendir("/dev/frz");
-    while (struct dirent* e = d ? readdir(d) : nullptr) {
-        std::string n = e->d_name, g = "/dev/frz/" + n;
-        if (own && n.size() == 16 && n.compare(0, 6, "Group_") == 0 &&
-            n.find_first_not_of("0123456789", 6) == std::string::npos)
-            ++*own;
-        if (e->d_type != DT_DIR || n[0] == '.' || readFile(g + "/freezer.state").rfind("FR", 0))
-            continue;
-        std::istringstream in(readFile(g + "/cgroup.procs"));
-        for (pid_t p; in >> p;) out.push_back(p);
-    }
-    if (d) closedir(d);
+    for (const auto& g : frzGroups("/dev/frz"))
+        if (readFile(g + "/freezer.state").rfind("FR", 0) == 0)
+            for (pid_t p : groupPids(g)) out.push_back(p);
     return out;
 }
 bool isFrozen(pid_t p) {
@@ -69,34 +60,26 @@ std::string heldDuring(const Pids& pids, int ms) {
     for (pid_t p : held) s += std::to_string(p) + " ";
     return s;
 }
-bool progresses(pid_t p, int ms = 5000) {
-    long t0 = procCpuTicks(p);
-    return waitUntil([&] { return procCpuTicks(p) > t0; }, ms);
-}
-double scale() {
-    const char* s = getenv("QMED_FAULT_SCALE");
-    return s && atof(s) > 0 ? atof(s) : 1.0;
+std::vector<std::string> cmd(const char* name, const Pids& pids, int arg = -1) {
+    std::vector<std::string> a{name};
+    for (pid_t p : pids) a.push_back(std::to_string(p));
+    if (arg >= 0) a.push_back(std::to_string(arg));
+    return a;
 }
 
 // Asks the daemon something cheap every periodMs; counts failures, keeps the slowest answer.
 struct Prober {
     Prober(const Daemon& d, int periodMs)
-        : t([this, &d, periodMs] {
-              RunOptions o = d.clientOptions();
-              o.timeoutMs = 20000;
-              while (!stop) {
+        : t([this, periodMs, o = RunOptions{0, d.clientEnv(), 20000}] {
+              for (; !stop; count++) {
                   auto t0 = Clock::now();
                   failures += runTool("qmedctl", {"cmdline", "1"}, o).exitCode != 0;
                   maxMs = std::max(maxMs.load(), msSince(t0));
-                  count++;
                   std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
               }
           }) {}
     ~Prober() { finish(); }
-    void finish() {
-        stop = true;
-        if (t.joinable()) t.join();
-    }
+    void finish() { stop = true, t.joinable() && (t.join(), true); }
     std::atomic<bool> stop{false};
     std::atomic<int> count{0}, failures{0};
     std::atomic<double> maxMs{0};
@@ -122,21 +105,16 @@ class Fault : public ::testing::Test {
     }
     Pids spawn(TestChild::Kind k, int n = 1) {
         Pids out;
-        for (int i = 0; i < n; i++) kids.push_back(TestChild::spawn(k));
-        for (int i = 0; i < n; i++) out.push_back(kids[kids.size() - n + i].pid());
+        for (int i = 0; i < n; i++) out.push_back(kids.emplace_back(TestChild::spawn(k)).pid());
         return out;
     }
-    static std::vector<std::string> cmd(const char* name, const Pids& pids, int arg = -1) {
-        std::vector<std::string> a{name};
-        for (pid_t p : pids) a.push_back(std::to_string(p));
-        if (arg >= 0) a.push_back(std::to_string(arg));
-        return a;
-    }
-    ::testing::AssertionResult ctl(const std::vector<std::string>& args, int want = 1) {
+    ::testing::AssertionResult ctl(const std::vector<std::string>& args) {
         ToolResult r = d->qmedctl(args);
-        if (r.out.find("(result " + std::to_string(want) + ")") != std::string::npos)
-            return ::testing::AssertionSuccess();
+        if (r.out.find("(result 1)") != std::string::npos) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "qmedctl " << args[0] << ": " << r.out << r.err;
+    }
+    ToolResult quick(const std::vector<std::string>& args) const {
+        return runTool("qmedctl", args, {0, d->clientEnv(), 5000});
     }
     bool freeze(const Pids& pids) {
         return d->qmedctl(cmd("freeze", pids)).exitCode == 0 &&
@@ -145,22 +123,17 @@ class Fault : public ::testing::Test {
     }
     // Limiting begins on the fourth cycle, so the first stop comes after a few seconds.
     bool limit(const Pids& pids, int rate) {
-        for (pid_t p : pids)
-            if (!ctl(cmd("spear", {p}, rate))) return false;
-        return std::all_of(pids.begin(), pids.end(), [](pid_t p) {
-            return waitUntil([&] { return procState(p) == 'T'; }, 12000);
-        });
+        return std::all_of(pids.begin(), pids.end(),
+                           [&](pid_t p) { return ctl(cmd("spear", {p}, rate)); }) &&
+               std::all_of(pids.begin(), pids.end(), [](pid_t p) {
+                   return waitUntil([&] { return procState(p) == 'T'; }, 12000);
+               });
     }
     std::unique_ptr<BackgroundTool> listen(const char* mask) {
         auto l = std::make_unique<BackgroundTool>(
                 "qmedctl", std::vector<std::string>{"listen", mask}, d->clientOptions());
         EXPECT_TRUE(l->waitForLine("listening")) << l->output();
         return l;
-    }
-    ToolResult quick(const std::vector<std::string>& args) const {
-        RunOptions o = d->clientOptions();
-        o.timeoutMs = 5000;
-        return runTool("qmedctl", args, o);
     }
     void expectHealthy(long rssSlackKb) {
         ASSERT_TRUE(d->running()) << d->log().substr(0, 4000);
@@ -185,7 +158,7 @@ TEST_F(Fault, ClientKilledWhileHoldingFrozenAndLimitedProcesses) {
     client->kill(SIGKILL);
     auto t0 = Clock::now();
     ASSERT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000));
-    record("client_death_thaw_ms", msSince(t0));
+    record({{"client_death_thaw_ms", msSince(t0)}});
     EXPECT_TRUE(d->waitForLog("Binder client died !!! do fixing"));
     for (pid_t p : busy) EXPECT_TRUE(progresses(p)) << p;
     // Its limits outlive it (a rate change still finds each group) and keep cycling.
@@ -212,10 +185,8 @@ TEST_F(Fault, DaemonKilledWithFrozenAndStoppedProcessesRecoversOnRestart) {
     ASSERT_TRUE(bothStopped());
     ASSERT_TRUE(d->start()) << d->log();
     // The pool's start-up clean-up thaws what the dead daemon froze and drops its groups.
-    size_t own = 0;
     EXPECT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000));
-    frozenPids(&own);
-    EXPECT_EQ(20u, own);
+    EXPECT_EQ(20u, frzGroups("/dev/frz").size());
     for (pid_t p : busy) EXPECT_TRUE(progresses(p)) << p;
     // Nobody knows the stopped ones until a stop request names them.
     EXPECT_TRUE(bothStopped());
@@ -247,8 +218,7 @@ TEST_F(Fault, SimulatorVanishingAndComingBackNeitherKillsNorWedgesTheDaemon) {
     bool back = d->kmodsim({"wait-connected", "2000"}).exitCode == 0;
     bool delivered = back && d->kmodsim({"event", "kind", "77", "after"}).exitCode == 0 &&
                      listener->waitForLine("text=\"after\"", 2000);
-    record("simulator_back_reconnected", back);
-    record("simulator_back_event_delivered", delivered);
+    record({{"simulator_back_reconnected", back}, {"simulator_back_event_delivered", delivered}});
     EXPECT_EQ("", heldDuring(child, 300));
     expectHealthy(32 * 1024);
 }
@@ -273,17 +243,21 @@ TEST_F(Fault, StuckReleaseListenerLeavesNoLimitedProcessStopped) {
 }
 
 #else
+double scale() {
+    const char* s = getenv("QMED_FAULT_SCALE");
+    return s && atof(s) > 0 ? atof(s) : 1.0;
+}
+
 class Load : public Fault {
   protected:
     Load() { logLevel = "i"; }
     // 1,000 events every 100 ms until end. The simulator answers once the daemon took the
     // whole flood, so an overrunning tick is not made up.
     void flood(Clock::time_point end, std::atomic<long>* sent, std::atomic<int>* commands) {
-        RunOptions o;
-        o.timeoutMs = 60000;
         for (auto tick = Clock::now(); Clock::now() < end; (*commands)++) {
-            ToolResult r = runTool(
-                    "kmodsim", {"--ctl", d->simulatorCtl(), "flood", "1000", "kind", "77", "f"}, o);
+            ToolResult r = runTool("kmodsim",
+                                   {"--ctl", d->simulatorCtl(), "flood", "1000", "kind", "77", "f"},
+                                   {0, {}, 60000});
             long n = 0;
             if (r.exitCode == 0 && sscanf(r.out.c_str(), "sent %ld", &n) == 1) *sent += n;
             std::this_thread::sleep_until(tick += std::chrono::milliseconds(100));
@@ -301,7 +275,7 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     std::atomic<int> commands{0};
     auto t0 = Clock::now();
     flood(t0 + ms(secs * 0.2), &unheard, &commands);
-    record("flood_events_per_second_no_listener", unheard / (msSince(t0) / 1000));
+    record({{"flood_events_per_second_no_listener", unheard / (msSince(t0) / 1000)}});
     auto a = listen("1"), b = listen("1"), stuck = listen("1"), holder = listen("2");
     Pids held = spawn(TestChild::Kind::Busy);
     ASSERT_TRUE(freeze(held));
@@ -311,34 +285,35 @@ TEST_F(Load, EventFloodWithOneListenerStuckInItsCallback) {
     std::thread flooder([&] { flood(end, &sent, &commands); });
     Prober prober(*d, 250);
     std::this_thread::sleep_until(start + ms(secs * 0.3));  // all three keep up at first
-    record("flood_events_per_second_all_listening", sent / (msSince(start) / 1000));
+    record({{"flood_events_per_second_all_listening", sent / (msSince(start) / 1000)}});
     stuck->kill(SIGSTOP);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     holder->kill(SIGKILL);
     auto died = Clock::now();
     EXPECT_TRUE(waitUntil([&] { return frozenPids().empty(); }, 5000)) << "left frozen";
-    record("flood_thaw_ms_after_client_death_while_stuck", msSince(died));
+    record({{"flood_thaw_ms_after_client_death_while_stuck", msSince(died)}});
     std::this_thread::sleep_until(end);
     prober.finish();
-    record("flood_delivered_a_while_stuck", a->countLines("kind=77"));
-    record("flood_delivered_b_while_stuck", b->countLines("kind=77"));
+    record({{"flood_delivered_a_while_stuck", a->countLines("kind=77")},
+            {"flood_delivered_b_while_stuck", b->countLines("kind=77")}});
     ASSERT_TRUE(d->running()) << d->log().substr(0, 4000);
     auto killed = Clock::now();
     stuck->kill(SIGKILL);
     flooder.join();
-    record("flood_seconds", msSince(start) / 1000);
-    ToolResult m = runTool("kmodsim", {"--ctl", d->simulatorCtl(), "event", "kind", "78", "end"});
+    double floodSecs = msSince(start) / 1000;
+    ToolResult m = d->kmodsim({"event", "kind", "78", "end"});
     EXPECT_EQ(0, m.exitCode) << m.out << m.err;
     EXPECT_TRUE(a->waitForLine("text=\"end\"", 30000) && b->waitForLine("text=\"end\"", 5000));
-    record("flood_drain_ms_after_stuck_death", msSince(killed));
-    record("flood_commands", commands);
-    record("flood_events_sent", sent);
-    record("flood_delivered_a", a->countLines("kind=77"));
-    record("flood_delivered_b", b->countLines("kind=77"));
+    record({{"flood_drain_ms_after_stuck_death", msSince(killed)},
+            {"flood_seconds", floodSecs},
+            {"flood_commands", commands},
+            {"flood_events_sent", sent},
+            {"flood_delivered_a", a->countLines("kind=77")},
+            {"flood_delivered_b", b->countLines("kind=77")},
+            {"flood_probe_max_ms", prober.maxMs}});
     for (auto* l : {a.get(), b.get()})  // none dropped
         EXPECT_EQ(sent.load(), static_cast<long>(l->countLines("kind=77")));
     EXPECT_TRUE(progresses(held[0]));
-    record("flood_probe_max_ms", prober.maxMs);
     EXPECT_EQ(0, prober.failures);
     EXPECT_GT(prober.count, 0);
     EXPECT_LT(prober.maxMs, 5000);  // a binder thread answers while the hub is blocked
@@ -359,9 +334,8 @@ TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
     std::vector<TestChild> clients;
     auto start = Clock::now();
     for (int i = 0; i < 8; i++) {
-        pid_t sleeper = sleepers[i], busy = busies[i];
         // Freezes and thaws its own sleeper, limits its own busy child, asks questions.
-        clients.push_back(TestChild::run([&, sleeper, busy] {
+        clients.push_back(TestChild::run([&, s = sleepers[i], b = busies[i]] {
             for (auto& kv : d->clientEnv()) setenv(kv.first.c_str(), kv.second.c_str(), 1);
             auto svc = android::defaultServiceManager()->checkService(
                     android::String16("Binder.Qmed"));
@@ -376,19 +350,19 @@ TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
                 (good ? ok : errors)++;
             };
             for (int r = 0; Clock::now() < start + std::chrono::duration<double>(secs); r++) {
-                call(S::DO_FREEZER, {1, 2, sleeper, -1});
-                call(S::GET_CMDLINE_BY_PID, {busy});
-                call(S::GET_PROC_UTIME, {busy});
-                call(S::DO_SPEAR, {busy, 40 + r % 20, 0, 0});
-                call(S::DO_FREEZER, {2, 2, sleeper, -1});
-                call(S::GET_PROC_CPU_TIME, {2, 1, busy});
-                call(S::CHANGE_SPEAR_PARAM, {busy, 50});
-                call(S::PAUSE_SPEAR, {busy, 1});
+                call(S::DO_FREEZER, {1, 2, s, -1});
+                call(S::GET_CMDLINE_BY_PID, {b});
+                call(S::GET_PROC_UTIME, {b});
+                call(S::DO_SPEAR, {b, 40 + r % 20, 0, 0});
+                call(S::DO_FREEZER, {2, 2, s, -1});
+                call(S::GET_PROC_CPU_TIME, {2, 1, b});
+                call(S::CHANGE_SPEAR_PARAM, {b, 50});
+                call(S::PAUSE_SPEAR, {b, 1});
                 call(S::GET_PID_BY_NAME_AND_UID, {}, "init");
-                if (r % 10 == 9) call(S::STOP_SPEAR, {busy});
+                if (r % 10 == 9) call(S::STOP_SPEAR, {b});
             }
-            call(S::STOP_SPEAR, {busy});
-            call(S::DO_FREEZER, {2, 2, sleeper, -1});
+            call(S::STOP_SPEAR, {b});
+            call(S::DO_FREEZER, {2, 2, s, -1});
             dprintf(fds[1], "%ld %ld\n", ok, errors);
         }));
     }
@@ -405,11 +379,11 @@ TEST_F(Load, EightClientsWithMixedTransactionsWhileTheLimiterRuns) {
     FILE* in = fdopen(fds[0], "r");
     while (fscanf(in, "%ld %ld", &a, &b) == 2) ok += a, errors += b;
     fclose(in);
-    record("load_seconds", msSince(start) / 1000);
-    record("load_transactions", ok);
-    record("load_transactions_per_second", ok / secs);
-    record("load_errors", errors);
-    record("load_probe_max_ms", prober.maxMs);
+    record({{"load_seconds", msSince(start) / 1000},
+            {"load_transactions", ok},
+            {"load_transactions_per_second", ok / secs},
+            {"load_errors", errors},
+            {"load_probe_max_ms", prober.maxMs}});
     EXPECT_GT(ok, 0);
     EXPECT_EQ(0, errors);  // refusals are answers; only transport failures count
     EXPECT_EQ(0, prober.failures);

@@ -1,18 +1,45 @@
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <map>
 #include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "tests/support/ToolRunner.h"
 
 namespace qmedtest {
+
+// Occurrences of text in hay; listener output holds one event a line.
+size_t countOf(const std::string& hay, const std::string& text);
+
+// A build/bin tool running in the background (e.g. `qmedctl listen 1`), its
+// stdout and stderr collected in a memory file.
+class BackgroundTool {
+  public:
+    BackgroundTool(const std::string& tool, const std::vector<std::string>& args,
+                   const RunOptions& opts = {});
+    ~BackgroundTool() { kill(SIGKILL), close(mFd); }
+    BackgroundTool(const BackgroundTool&) = delete;
+    BackgroundTool& operator=(const BackgroundTool&) = delete;
+
+    pid_t pid() const { return mPid; }
+    std::string output() const { return readFile("/proc/self/fd/" + std::to_string(mFd)); }
+    bool waitForLine(const std::string& text, int timeoutMs = 5000) const {
+        return waitUntil([&] { return output().find(text) != std::string::npos; }, timeoutMs);
+    }
+    size_t countLines(const std::string& text) const { return countOf(output(), text); }
+    void kill(int sig = 9) {  // SIGKILL also reaps it
+        if (mPid > 0) ::kill(mPid, sig);
+        if (sig == SIGKILL) reapWithin(mPid, 5000);
+    }
+
+  private:
+    pid_t mPid = -1;
+    int mFd;
+};
 
 struct DaemonOptions {
     std::vector<std::string> args;                                // e.g. {"-t", "3"}
@@ -20,90 +47,71 @@ struct DaemonOptions {
     std::map<std::string, std::string> env;                       // extra environment
     std::string logLevel = "d";                                   // QMED_LOG_LEVEL
     bool waitForService = true;  // start() waits until "Binder.Qmed" answers
-    bool simulator = false;      // run under the kernel-module simulator (see Simulator)
+    bool simulator = false;      // run under the kernel-module simulator
 };
 
-// The real build/bin/ykqmed, started as a child of the test. Run the test
-// binary through tools/qmed-ns so /dev/frz and /dev/power_watchdog exist.
-// Each Daemon gets its own binder name prefix, work folder and log file; a
-// restart keeps them, so clients and logs carry over.
+// The real build/bin/ykqmed, a child of the test run through tools/qmed-ns (for
+// /dev/frz and /dev/power_watchdog). Its binder name prefix, work folder and logs
+// are its own and outlive a restart.
 class Daemon {
   public:
     explicit Daemon(DaemonOptions opts = {});
     ~Daemon();
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
 
     bool start(int timeoutMs = 10000);
     pid_t pid() const { return mPid; }
-    bool running() const;
-    void kill(int sig = 9);
-    // Waits for the daemon to exit; true when it did. status gets the wait status.
-    bool waitExit(int timeoutMs, int* status = nullptr);
+    bool running() const {
+        if (mPid > 0 && waitpid(mPid, nullptr, WNOHANG) == mPid) mPid = -1;
+        return mPid > 0;
+    }
+    void kill(int sig = 9) {  // SIGKILL also reaps it
+        if (mPid > 0) ::kill(mPid, sig);
+        if (sig == SIGKILL) waitExit(5000);
+    }
+    bool waitExit(int timeoutMs, int* status = nullptr) {
+        return reapWithin(mPid, timeoutMs, status);
+    }
 
-    std::string log() const;  // everything the daemon wrote to stderr so far
-    std::string out() const;  // everything it wrote to stdout
-    bool waitForLog(const std::string& text, int timeoutMs = 5000) const;
-    size_t countLog(const std::string& text) const;
+    std::string log() const { return readFile(mWorkDir + "/daemon.log"); }  // its stderr
+    std::string out() const { return readFile(mWorkDir + "/daemon.out"); }  // its stdout
+    bool waitForLog(const std::string& text, int timeoutMs = 5000) const {
+        return waitUntil([&] { return log().find(text) != std::string::npos; }, timeoutMs);
+    }
+    size_t countLog(const std::string& text) const { return countOf(log(), text); }
 
     const std::string& binderNs() const { return mBinderNs; }
     const std::string& workDir() const { return mWorkDir; }
     std::string propertyFile() const { return mWorkDir + "/properties"; }
-
-    // Environment a client of this daemon needs (binder prefix, simulator, ...).
-    std::map<std::string, std::string> clientEnv() const;
-    RunOptions clientOptions(uid_t uid = 0) const;
-    ToolResult qmedctl(const std::vector<std::string>& args, uid_t uid = 0) const;
-    ToolResult service(const std::vector<std::string>& args, uid_t uid = 0) const;
-
+    std::map<std::string, std::string> clientEnv() const {
+        return {{"BINDER_HOST_NS", mBinderNs}, {"QMED_PROPERTY_FILE", propertyFile()}};
+    }
+    RunOptions clientOptions(uid_t uid = 0) const { return {uid, clientEnv()}; }
+    ToolResult qmedctl(const std::vector<std::string>& args, uid_t uid = 0) const {
+        return runTool("qmedctl", args, clientOptions(uid));
+    }
+    ToolResult service(const std::vector<std::string>& args, uid_t uid = 0) const {
+        return runTool("service", args, clientOptions(uid));
+    }
     DaemonOptions& options() { return mOpts; }
 
-    // Kernel-module simulator (DaemonOptions::simulator): started by start()
-    // before the daemon, kept across daemon restarts. kmodsim() runs one
-    // control command (see tools/kmodsim/README.md), e.g.
-    // kmodsim({"event", "binder-call", "123", "-1"}).
+    // Kernel-module simulator: started by start() before the daemon, kept across
+    // restarts. kmodsim() runs one control command (tools/kmodsim/README.md).
     bool startSimulator(const std::vector<std::string>& serveArgs = {});
-    void stopSimulator();
-    ToolResult kmodsim(const std::vector<std::string>& args) const;
+    void stopSimulator() { mSim.reset(); }
+    ToolResult kmodsim(const std::vector<std::string>& args) const {
+        std::vector<std::string> a = {"--ctl", simulatorCtl()};
+        a.insert(a.end(), args.begin(), args.end());
+        return runTool("kmodsim", a);
+    }
     std::string simulatorSocket() const { return mWorkDir + "/km.sock"; }
     std::string simulatorCtl() const { return mWorkDir + "/km.ctl"; }
 
   private:
-    void writeProperties() const;
-    std::unique_ptr<class BackgroundTool> mSim;
-
+    std::unique_ptr<BackgroundTool> mSim;
     DaemonOptions mOpts;
     std::string mBinderNs;
     std::string mWorkDir;
-    pid_t mPid = -1;
-};
-
-// A build/bin tool running in the background (e.g. `qmedctl listen 1`), its
-// stdout collected line by line.
-class BackgroundTool {
-  public:
-    BackgroundTool(const std::string& tool, const std::vector<std::string>& args,
-                   const RunOptions& opts = {});
-    ~BackgroundTool();
-    BackgroundTool(const BackgroundTool&) = delete;
-    BackgroundTool& operator=(const BackgroundTool&) = delete;
-
-    pid_t pid() const { return mPid; }
-    std::vector<std::string> lines() const;
-    std::string output() const;
-    bool waitForLine(const std::string& text, int timeoutMs = 5000) const;
-    size_t countLines(const std::string& text) const;
-    void kill(int sig = 9);
-    bool waitExit(int timeoutMs, int* status = nullptr);
-
-  private:
-    void readLoop(int fd);
-
-    pid_t mPid = -1;
-    std::thread mReader;
-    mutable std::mutex mLock;
-    std::string mOut;
-    bool mReaped = false;
+    mutable pid_t mPid = -1;
 };
 
 }  // namespace qmedtest

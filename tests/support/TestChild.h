@@ -13,32 +13,24 @@ class TestChild {
   public:
     enum class Kind { Busy, Sleep };
 
-    // Forks a child that spins (Busy) or sleeps (Sleep). name is set with
-    // PR_SET_NAME (15 chars max, may contain blanks or ')'); uid switches the
-    // child's uid and gid when not 0; argv0 replaces /proc/PID/cmdline's first
-    // argument when not empty: the child then execs yes(1) or sleep(1), whose
-    // name is the program's, so name is only honoured without argv0.
+    // A child spinning (Busy) or sleeping, named name, running as uid when not 0;
+    // with argv0 it execs yes(1) or sleep(1) under that argv[0] instead.
     static TestChild spawn(Kind kind, const std::string& name = "", uid_t uid = 0,
                            const std::string& argv0 = "");
-    // Forks a child that forks `children` children of the same kind, each
-    // forking `grandchildren`; pids() lists the whole tree, root first.
+    // A child with `children` children with `grandchildren` each; pids() lists all, root first.
     static TestChild spawnTree(Kind kind, int children, int grandchildren);
-    // Forks a child that runs body and exits.
-    static TestChild run(const std::function<void()>& body);
+    static TestChild run(const std::function<void()>& body);  // runs body, then exits
 
     TestChild() = default;
-    TestChild(TestChild&& other) noexcept;
+    TestChild(TestChild&& other) noexcept { *this = std::move(other); }
     TestChild& operator=(TestChild&& other) noexcept;
-    TestChild(const TestChild&) = delete;
-    TestChild& operator=(const TestChild&) = delete;
-    ~TestChild();
+    ~TestChild() { kill(); }
 
     pid_t pid() const { return mPid; }
     const std::vector<pid_t>& pids() const { return mTree; }
     // Sends sig to the whole tree; SIGKILL thaws it first and reaps the root.
     void kill(int sig = 9);
-    // Reaps the root without signalling; true when it has exited.
-    bool reap(int timeoutMs);
+    bool reap(int timeoutMs);  // true when the root has exited
 
   private:
     pid_t mPid = -1;

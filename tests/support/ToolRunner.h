@@ -2,20 +2,17 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qmedtest {
 
-// Folder holding the build's executables (the test binary's own folder).
-std::string binDir();
-
-// Absolute path of a build/bin tool.
-std::string toolPath(const std::string& name);
-
-// Prefix for every spawned build executable, e.g. "qemu-arm -L /x" under
-// emulation; taken from env QMED_EMULATOR (empty natively).
+std::string binDir();  // the build's executables: the test binary's own folder
+std::string toolPath(const std::string& name);  // absolute path of a build/bin tool
+// Prefix for spawned build executables, env QMED_EMULATOR (e.g. "qemu-arm -L /x").
 std::vector<std::string> emulatorPrefix();
 
 struct ToolResult {
@@ -33,18 +30,24 @@ struct RunOptions {
 // Runs a build/bin tool (through the emulator prefix) and collects its output.
 ToolResult runTool(const std::string& tool, const std::vector<std::string>& args,
                    const RunOptions& opts = {});
-
 // Runs any command found on PATH (no emulator prefix).
 ToolResult runCommand(const std::vector<std::string>& argv, const RunOptions& opts = {});
+// Forks and execs argv in its own process group, stdin from /dev/null; it dies with the test.
+pid_t forkExec(const std::vector<std::string>& argv, const RunOptions& opts, int out, int err);
+// Reaps pid within timeoutMs; on success sets pid to -1 and *status to its wait status.
+bool reapWithin(pid_t& pid, int timeoutMs, int* status = nullptr);
 
-// Reads a whole file; empty when missing.
-std::string readFile(const std::string& path);
+std::string readFile(const std::string& path);  // the whole file; empty when missing
 bool writeFile(const std::string& path, const std::string& text);
 
 // Polls pred every 10 ms until it is true or timeoutMs passes.
 template <typename Pred>
-bool waitUntil(Pred pred, int timeoutMs);
+bool waitUntil(Pred pred, int timeoutMs) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        if (pred()) return true;
+        if (std::chrono::steady_clock::now() >= end) return false;
+    }
+}
 
 }  // namespace qmedtest
-
-#include "tests/support/ToolRunner-inl.h"
