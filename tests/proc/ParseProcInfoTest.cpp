@@ -50,19 +50,6 @@ TEST(ParseProcInfo, CpuTimeRecordsOfACannedTree) {
     for (int i = 0; i < static_cast<int>(std::size(kProcs)); i++) {
         EXPECT_EQ(cpuText(*p, 2, {100 + i}), std::get<3>(kProcs[i])) << 100 + i;
     }
-    int ids[] = {5, 7, 9};
-    EXPECT_TRUE(p->matchId(9, ids, 3) && !p->matchId(9, ids, 2));
-    EXPECT_EQ(cpuText(*p, 2, {999999}), "");
-    // A walk skips the same ones, with tabs only between records, whoever else walks at once.
-    std::string all = cpuText(*p, 0, {});
-    EXPECT_EQ(std::count(all.begin(), all.end(), '\t'), 3 * 8 - 1);  // eight records
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50; i++) EXPECT_EQ(cpuText(*p, 0, {}), all);
-        });
-    }
-    for (auto& th : threads) th.join();
     // 1024 records fill all but the final NUL; one byte more is refused, so is a short one after.
     const size_t size = ParseProcInfo::kCpuTimeBufferSize;
     const std::string rec = std::get<3>(kProcs[kFull - 100]);
@@ -77,4 +64,17 @@ TEST(ParseProcInfo, CpuTimeRecordsOfACannedTree) {
         EXPECT_TRUE(want == std::string(buf.data(), strnlen(buf.data(), size))) << ids.size();
         EXPECT_EQ(std::count(buf.begin() + size, buf.end(), 0x5a), 64) << ids.size();
     }
+    int ids[] = {5, 7, 9};
+    EXPECT_TRUE(p->matchId(9, ids, 3) && !p->matchId(9, ids, 2));
+    EXPECT_EQ(cpuText(*p, 2, {999999}), "");
+    // A walk skips the same ones, with tabs only between records, whoever else walks at once.
+    std::string all = cpuText(*p, 0, {});
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\t'), 3 * 8 - 1);  // eight records
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 50; i++) EXPECT_EQ(cpuText(*p, 0, {}), all);
+        });
+    }
+    for (auto& th : threads) th.join();
 }
