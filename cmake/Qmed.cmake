@@ -74,10 +74,9 @@ function(qmed_add_gtest name)
                          PROPERTIES TIMEOUT 300 ${T_PROPERTIES})
     # Labels are set once the cases are known: through PROPERTIES a list of labels would be
     # split into property names.
-    string(REPLACE ";" "\\;" _escaped "${_labels}")
     set(_f ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
     file(WRITE ${_f} "foreach(_t IN LISTS ${name}_TESTS)\n"
-                     "  set_tests_properties(\"\${_t}\" PROPERTIES LABELS \"${_escaped}\")\n"
+                     "  set_tests_properties(\"\${_t}\" PROPERTIES LABELS \"${_labels}\")\n"
                      "endforeach()\n")
     set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${_f})
   endif()
