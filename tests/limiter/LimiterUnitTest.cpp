@@ -1,6 +1,7 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 
@@ -66,6 +67,38 @@ TEST(LimiterList, AddDeleteLocateAndSortKeepLinksAndCount) {
     EXPECT_EQ(Ints({1, 2, 3, 0}), keys(l));
     PL::destroyList(&l);  // frees the data: the sanitizer build reports leaks
     EXPECT_TRUE(keys(l).empty());
+}
+
+TEST(LimiterProc, IteratorWalksRealTreesAndReadsANameWithABlank) {
+    sp<ProcessLimiter> pl = new ProcessLimiter();
+    auto walk = [&](int pid, bool children) {
+        processFilter f{pid, children};
+        processIterator it{nullptr, nullptr};
+        process p;
+        Ints out;
+        if (pl->initProcessIterator(&it, &f) == 0) {
+            while (pl->getNextProcess(&it, &p) == 0) out.push_back(p.pid);
+            pl->closeProcessIterator(&it);
+        }
+        return std::sort(out.begin(), out.end()), out;
+    };
+    TestChild tree = TestChild::spawnTree(Kind::Sleep, 2, 2);
+    Ints all(tree.pids().begin(), tree.pids().end());
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all, walk(tree.pid(), true));
+    EXPECT_EQ(Ints{tree.pid()}, walk(tree.pid(), false));
+    // A grandchild whose parent exited is re-parented to pid 1: no longer ours.
+    int orphan = atoi(runCommand({"sh", "-c", "sleep 30 >/dev/null 2>&1 & echo $!"}).out.c_str());
+    Ints mine = walk(getpid(), true);
+    kill(orphan, SIGKILL);
+    EXPECT_EQ(0, std::count(mine.begin(), mine.end(), orphan));
+    TestChild blank = TestChild::spawn(Kind::Sleep, "my app");
+    process p{};
+    char name[PACKAGE_NAME_SIZE + 8];
+    ASSERT_EQ(0, pl->readProcessInfo(blank.pid(), &p));
+    EXPECT_EQ(0, p.ppid);  // the blank shifts the fields: the 4th token is the state
+    ASSERT_EQ(0, pl->getProcName(blank.pid(), name));
+    EXPECT_STREQ("my", name);
 }
 
 TEST(ProcessGroup, UsageIsSampledAfterTwoSecondsSmoothedAndAveragedOverAllMembers) {
