@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <utility>
 
@@ -117,6 +118,8 @@ bool writeFile(const std::string& path, const std::string& text) {
     return static_cast<bool>(out << text);
 }
 
+static std::mutex gSpawnLock;
+
 [[noreturn]] static void childBody(TestChild::Kind kind) {
     for (volatile unsigned long x = 0; kind == TestChild::Kind::Busy;) x = x + 1;
     for (;;) pause();
@@ -124,6 +127,8 @@ bool writeFile(const std::string& path, const std::string& text) {
 
 TestChild TestChild::spawn(Kind kind, const std::string& name, uid_t uid,
                            const std::string& argv0) {
+    // One spawn at a time: a child forked meanwhile would hold the other's pipe open.
+    std::lock_guard<std::mutex> one(gSpawnLock);
     int sync[2];
     if (pipe2(sync, O_CLOEXEC)) return {};
     TestChild t = run([&] {
@@ -143,6 +148,7 @@ TestChild TestChild::spawn(Kind kind, const std::string& name, uid_t uid,
 }
 
 TestChild TestChild::spawnTree(Kind kind, int children, int grandchildren) {
+    std::lock_guard<std::mutex> one(gSpawnLock);
     int report[2];
     if (pipe(report)) return {};
     // Each member names itself, reports its pid (not the root), forks its own, then idles.
