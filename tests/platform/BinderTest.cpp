@@ -67,6 +67,13 @@ TEST_F(BinderTest, CallsFromOtherProcessesSeeTheirCallerAndAreServedInParallel) 
     for (auto& s : seen) EXPECT_EQ((Words{NO_ERROR, 8}), s);
 }
 
+TEST_F(BinderTest, ProxyAsksTheInterfaceOncePingsAndDumps) {
+    EXPECT_EQ(String16(kTestDescriptor), mService->getInterfaceDescriptor());
+    EXPECT_EQ(String16(kTestDescriptor), mService->getInterfaceDescriptor());  // from the cache
+    EXPECT_EQ(NO_ERROR, mService->pingBinder());
+    EXPECT_EQ(NO_ERROR, mService->dump(STDOUT_FILENO, Vector<String16>()));
+}
+
 // The service echoes what follows the interface token: every type, binders and an fd included.
 TEST_F(BinderTest, EveryTypeSurvivesTheTripToTheServiceAndBack) {
     sp<IBinder> local = new BBinder();

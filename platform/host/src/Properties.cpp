@@ -12,8 +12,6 @@
 
 #include <android/log.h>
 #include <cutils/properties.h>
-#include <errno.h>
-#include <inttypes.h>
 #include <log/log.h>
 #include <stdlib.h>
 #include <string.h>
@@ -101,28 +99,6 @@ int8_t property_get_bool(const char* key, int8_t default_value) {
         }
     }
     return result;
-}
-
-static intmax_t propertyGetImax(const char* key, intmax_t lower, intmax_t upper,
-                                intmax_t default_value) {
-    if (!key) return default_value;
-    char buf[PROPERTY_VALUE_MAX] = {};
-    if (property_get(key, buf, "") <= 0) return default_value;
-    char* end = nullptr;
-    errno = 0;
-    const intmax_t v = strtoimax(buf, &end, 0);
-    if (errno == ERANGE || end == buf || *end != '\0' || v < lower || v > upper) {
-        return default_value;
-    }
-    return v;
-}
-
-int64_t property_get_int64(const char* key, int64_t default_value) {
-    return int64_t(propertyGetImax(key, INT64_MIN, INT64_MAX, default_value));
-}
-
-int32_t property_get_int32(const char* key, int32_t default_value) {
-    return int32_t(propertyGetImax(key, INT32_MIN, INT32_MAX, default_value));
 }
 
 // Referenced by the link options of qmed_platform so the initialiser below is always linked.
