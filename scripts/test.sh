@@ -49,23 +49,7 @@ for s in $stages; do
                 ctest -j "$jobs" -L concurrency --timeout 600 --no-tests=error) ;;
         coverage)
             stage "coverage build and tests (build/coverage)"
-            cmake -S "$root" -B build/coverage -G Ninja -DCMAKE_BUILD_TYPE=Coverage \
-                -DQMED_BUILD_BENCH=OFF >/dev/null
-            cmake --build build/coverage -j "$jobs"
-            # Notes of objects the build no longer has (a deleted test, say) would stop gcovr.
-            ninja -C build/coverage -t cleandead >/dev/null
-            find build/coverage -name '*.gcno' | while read -r n; do
-                [ -f "${n%.gcno}.o" ] || rm -f "$n"
-            done
-            find build/coverage -name '*.gcda' -delete
-            crc=0
-            (cd build/coverage && ctest -j "$jobs" --timeout 600) || crc=$?
-            # Branches the compiler adds for exceptions say nothing about our tests.
-            gcovr -r "$root" --object-directory build/coverage --exclude-throw-branches --gcov-ignore-parse-errors \
-                -e 'tests/' -e 'bench/' -e 'fuzz/' -e 'build/' \
-                --json-summary build/coverage/summary.json -s >/dev/null
-            python3 scripts/coverage-report.py build/coverage/summary.json
-            [ "$crc" = 0 ] || { echo "coverage stage: tests failed" >&2; exit "$crc"; } ;;
+            scripts/coverage-of.sh ;;
         armhf)
             stage "armhf cross build, tests under qemu-arm (build/armhf)"
             scripts/test-armhf.sh ;;
