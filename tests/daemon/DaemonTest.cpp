@@ -298,6 +298,12 @@ TEST(ServiceStub, UnmarshalsEveryCodeAndRefusesAWrongToken) {
              "getPidByNameAndUid,system_server,1000,1001",
              {0, 1001}},
             {12, {"i3", "i5", "i-1", "i6"}, "killProcess,5 -1 6"},
+            {12, {"i2", "i5"}, "killProcess,5 0"},
+            {9, {"i1", "i3", "i7"}, "getProcCpuTime,1,7 0 0,102400", {0}, 102399},
+            // Refused counts: nothing of the list is read, no operation runs.
+            {3, {"i2", "i-5", "i9"}, "", {0, -1}},
+            {9, {"i4", "i201", "i9"}, "", {0}},
+            {12, {"i0", "i9"}, "", {0, -1}},
             {13, {"i3", "s\xc3\xa9t\xc3\xa9", "i9"}, "setKWakelock,3,\xc3\xa9t\xc3\xa9,9,5"},
             {14, {"i10001", "i0"}, "destroySockets,10001,0"},
             {15, {"i1", "l4294967301", "l4294967295", "sx"}, "setPowerWatchdog,1,5,-1,x"},
@@ -312,6 +318,7 @@ TEST(ServiceStub, UnmarshalsEveryCodeAndRefusesAWrongToken) {
             {7, {"i1"}, "", {}, -1, android::UNKNOWN_TRANSACTION},
             {23, {"i1"}, "", {}, -1, android::UNKNOWN_TRANSACTION},
     };
+    qmed::host::LogCapture logs;
     for (int mode = 0; mode < 4; mode++) {
         bDebug = mode & 1;
         const bool badToken = mode & 2;
@@ -340,6 +347,13 @@ TEST(ServiceStub, UnmarshalsEveryCodeAndRefusesAWrongToken) {
         }
     }
     bDebug = false;
+    // Every line the stub logged, in every mode, against the committed golden file.
+    std::string got, golden = std::string(QMED_TEST_DATA) + "/stub_log.golden";
+    for (const std::string& line : logs.lines()) {
+        if (has(line, "/Qmed-IQmedBinderService: ")) got += line + "\n";
+    }
+    if (getenv("QMED_UPDATE_GOLDEN") != nullptr) writeFile(golden, got);
+    EXPECT_EQ(readFile(golden), got);
 }
 
 // After the daemon is gone, as the service brings up a freezer of its own (left unused here).
