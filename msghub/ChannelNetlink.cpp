@@ -20,8 +20,16 @@ static_assert(sizeof(struct sockaddr_nl) == 12, "sockaddr_nl is 12 bytes");
 static_assert(ChannelNetlink::nlSpace(16) == 32 && ChannelNetlink::nlSpace(17) == 36,
               "netlink messages are padded to 4 bytes");
 
+ChannelNetlink::ChannelNetlink(SocketOps& ops) : mOps(ops) {}
+
+ChannelNetlink::~ChannelNetlink() {
+    // Closed here, through the same calls that opened it; the base then finds nothing to close.
+    if (mFd >= 1) mOps.close(mFd);
+    mFd = -1;
+}
+
 int ChannelNetlink::init() {
-    int fd = socket(AF_NETLINK, SOCK_RAW, kNetlinkProtocol);
+    int fd = mOps.socket(AF_NETLINK, SOCK_RAW, kNetlinkProtocol);
     if (fd < 0) {
         ALOGE("Obtaining netlink socket failed (%s), exit.", strerror(errno));
         // Without the kernel channel the daemon has no reason to run.
@@ -34,7 +42,7 @@ int ChannelNetlink::init() {
     local.nl_family = AF_NETLINK;
     local.nl_pid = static_cast<__u32>(getpid());
     local.nl_groups = 0;
-    if (bind(mFd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+    if (mOps.bind(mFd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
         ALOGE("Bind socket failed (%s)", strerror(errno));
         return -1;
     }
@@ -65,7 +73,7 @@ int ChannelNetlink::getMessage(char* buf, unsigned* len) {
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
 
-    ssize_t received = recvmsg(mFd, &msg, 0);
+    ssize_t received = mOps.recvmsg(mFd, &msg, 0);
     if (received < 0) {
         ALOGE("Failed to recvmsg");
         free(nlbuf);
@@ -137,7 +145,7 @@ int ChannelNetlink::putMessage(const char* buf, unsigned len) {
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
 
-    if (sendmsg(mFd, &msg, 0) < 0) {
+    if (mOps.sendmsg(mFd, &msg, 0) < 0) {
         ALOGE("Failed to sendmsg (%s)", strerror(errno));
         free(nlbuf);
         return -1;
@@ -151,6 +159,8 @@ int ChannelNetlink::processMessage(const char* buf, unsigned) {
     return buf != nullptr ? 0 : -1;
 }
 
+ChannelNetlinkFactory::ChannelNetlinkFactory(SocketOps& ops) : mOps(ops) {}
+
 Channel* ChannelNetlinkFactory::createChannel() {
-    return new ChannelNetlink();
+    return new ChannelNetlink(mOps);
 }

@@ -61,31 +61,32 @@ bool isV6Loopback(const uint8_t* a) {
 
 }  // namespace
 
-int checkError(int fd) {
+int checkError(SocketOps& ops, int fd) {
     alignas(nlmsghdr) uint8_t buf[kErrorReplySize];
-    ssize_t n = recvfrom(fd, buf, sizeof(buf), MSG_PEEK | MSG_DONTWAIT, nullptr, nullptr);
+    ssize_t n = ops.recv(fd, buf, sizeof(buf), MSG_PEEK | MSG_DONTWAIT);
     if (n == -1) return errno == EAGAIN ? 0 : -errno;
     if (n != static_cast<ssize_t>(sizeof(buf))) return 0;
     const nlmsghdr* h = reinterpret_cast<const nlmsghdr*>(buf);
     if (h->nlmsg_type != NLMSG_ERROR) return 0;
     nlmsgerr peeked;
     memcpy_s(&peeked, sizeof(peeked), buf + sizeof(nlmsghdr), sizeof(peeked));
-    if (recv(fd, buf, sizeof(buf), 0) != static_cast<ssize_t>(sizeof(buf))) return peeked.error;
+    if (ops.recv(fd, buf, sizeof(buf), 0) != static_cast<ssize_t>(sizeof(buf))) return peeked.error;
     nlmsgerr err;
     memcpy_s(&err, sizeof(err), buf + sizeof(nlmsghdr), sizeof(err));
     return err.error;
 }
 
-int processNetlinkDump(int fd, const std::function<void(nlmsghdr*)>& callback, int timeoutMs) {
+int processNetlinkDump(SocketOps& ops, int fd, const std::function<void(nlmsghdr*)>& callback,
+                       int timeoutMs) {
     alignas(nlmsghdr) uint8_t buf[kDumpBufferSize];
     memset_s(buf, sizeof(buf), 0, sizeof(buf));
     ssize_t n;
     do {
         pollfd pfd = {fd, POLLIN, 0};
-        int ready = TEMP_FAILURE_RETRY(poll(&pfd, 1, timeoutMs));
+        int ready = TEMP_FAILURE_RETRY(ops.poll(&pfd, 1, timeoutMs));
         if (ready < 0) return -errno;
         if (ready == 0) return -ETIMEDOUT;
-        n = TEMP_FAILURE_RETRY(read(fd, buf, sizeof(buf)));
+        n = TEMP_FAILURE_RETRY(ops.read(fd, buf, sizeof(buf)));
         if (n < 0) return -errno;
         size_t off = 0;
         size_t len = static_cast<size_t>(n);
@@ -108,18 +109,19 @@ int processNetlinkDump(int fd, const std::function<void(nlmsghdr*)>& callback, i
     return 0;
 }
 
-SockDiag::SockDiag() : mDumpSock(-1), mDestroySock(-1), mDestroyedCount(0) {}
+SockDiag::SockDiag(SocketOps& ops)
+    : mOps(ops), mDumpSock(-1), mDestroySock(-1), mDestroyedCount(0) {}
 
-SockDiag::SockDiag(int dumpSock, int destroySock)
-    : mDumpSock(dumpSock), mDestroySock(destroySock), mDestroyedCount(0) {}
+SockDiag::SockDiag(int dumpSock, int destroySock, SocketOps& ops)
+    : mOps(ops), mDumpSock(dumpSock), mDestroySock(destroySock), mDestroyedCount(0) {}
 
 SockDiag::~SockDiag() {
     closeSockets();
 }
 
 void SockDiag::closeSockets() {
-    if (mDumpSock != -1) close(mDumpSock);
-    if (mDestroySock != -1) close(mDestroySock);
+    if (mDumpSock != -1) mOps.close(mDumpSock);
+    if (mDestroySock != -1) mOps.close(mDestroySock);
     mDumpSock = -1;
     mDestroySock = -1;
 }
@@ -127,16 +129,16 @@ void SockDiag::closeSockets() {
 bool SockDiag::open() {
     if (mDumpSock != -1 && mDestroySock != -1) return true;
     // A half-open pair is replaced without closing the survivor, as the service expects.
-    mDumpSock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_INET_DIAG);
-    mDestroySock = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_INET_DIAG);
+    mDumpSock = mOps.socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_INET_DIAG);
+    mDestroySock = mOps.socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_INET_DIAG);
     bool ok = mDumpSock != -1 && mDestroySock != -1;
     if (ok) {
         sockaddr_nl nl;
         memset_s(&nl, sizeof(nl), 0, sizeof(nl));
         nl.nl_family = AF_NETLINK;
         const sockaddr* addr = reinterpret_cast<const sockaddr*>(&nl);
-        ok = connect(mDumpSock, addr, sizeof(nl)) == 0 &&
-             connect(mDestroySock, addr, sizeof(nl)) == 0;
+        ok = mOps.connect(mDumpSock, addr, sizeof(nl)) == 0 &&
+             mOps.connect(mDestroySock, addr, sizeof(nl)) == 0;
     }
     if (!ok) closeSockets();
     return ok;
@@ -164,8 +166,8 @@ int SockDiag::sendDumpRequest(uint8_t proto, uint8_t family, uint8_t extensions,
     }
     request.nlh.nlmsg_len = static_cast<uint32_t>(total);
 
-    ssize_t written = writev(mDumpSock, iov, iovcnt);
-    if (written == static_cast<ssize_t>(total)) return checkError(mDumpSock);
+    ssize_t written = mOps.writev(mDumpSock, iov, iovcnt);
+    if (written == static_cast<ssize_t>(total)) return checkError(mOps, mDumpSock);
     return written < 0 ? -errno : -EMSGSIZE;
 }
 
@@ -191,7 +193,7 @@ int SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
     int sport = ntohs(msg->id.idiag_sport);
     int dport = ntohs(msg->id.idiag_dport);
 
-    ssize_t written = write(mDestroySock, &request, sizeof(request));
+    ssize_t written = mOps.write(mDestroySock, &request, sizeof(request));
     if (written < static_cast<ssize_t>(sizeof(request))) {
         int err = written < 0 ? -errno : -EMSGSIZE;
         if (bDebug) {
@@ -200,7 +202,7 @@ int SockDiag::sockDestroy(uint8_t proto, const inet_diag_msg* msg) {
         }
         return err;
     }
-    int err = checkError(mDestroySock);
+    int err = checkError(mOps, mDestroySock);
     if (err != 0) {
         ALOGE("sockDestroy err, uid=%d family=%d, idiag_state=%d, src=%s:%d, dst=%s:%d",
               msg->idiag_uid, msg->idiag_family, msg->idiag_state, src, sport, dst, dport);
@@ -238,7 +240,7 @@ bool SockDiag::isLoopbackSocket(const inet_diag_msg* msg) {
 
 int SockDiag::readDiagMsg(uint8_t proto,
                           const std::function<bool(uint8_t, const inet_diag_msg*)>& shouldDestroy) {
-    return processNetlinkDump(mDumpSock, [&](nlmsghdr* nlh) {
+    return processNetlinkDump(mOps, mDumpSock, [&](nlmsghdr* nlh) {
         if (nlh->nlmsg_len < kAttrOffset) return;
         const inet_diag_msg* msg = reinterpret_cast<const inet_diag_msg*>(NLMSG_DATA(nlh));
         if (shouldDestroy(proto, msg)) sockDestroy(proto, msg);
@@ -248,7 +250,7 @@ int SockDiag::readDiagMsg(uint8_t proto,
 int SockDiag::readDiagMsgWithPid(
         uint8_t proto,
         const std::function<bool(uint8_t, uint32_t, const inet_diag_msg*)>& shouldDestroy) {
-    return processNetlinkDump(mDumpSock, [&](nlmsghdr* nlh) {
+    return processNetlinkDump(mOps, mDumpSock, [&](nlmsghdr* nlh) {
         if (nlh->nlmsg_len < kAttrOffset) return;
         const inet_diag_msg* msg = reinterpret_cast<const inet_diag_msg*>(NLMSG_DATA(nlh));
         const uint8_t* attr = reinterpret_cast<const uint8_t*>(nlh) + kAttrOffset;

@@ -7,6 +7,8 @@
 
 #include <functional>
 
+#include "net/SocketOps.h"
+
 // Wire layout of the sock_diag requests (kernel ABI).
 struct SOCK_DIAG_REQUEST {
     nlmsghdr nlh;
@@ -21,11 +23,11 @@ static_assert(sizeof(nlmsghdr) + sizeof(nlmsgerr) == 36, "error reply is 36 byte
 
 // Peeks at the next message on fd; consumes and returns its code when it is a 36-byte
 // netlink error, else 0 (the message stays for the dump reader).
-int checkError(int fd);
+int checkError(SocketOps& ops, int fd);
 // Reads a netlink dump from fd and hands every data message to callback. Returns 0 at
 // NLMSG_DONE or end of stream, the code of an error reply, or a negative errno. A reply
 // that stalls for timeoutMs fails with -ETIMEDOUT so a broken peer cannot wedge the caller.
-int processNetlinkDump(int fd, const std::function<void(nlmsghdr*)>& callback,
+int processNetlinkDump(SocketOps& ops, int fd, const std::function<void(nlmsghdr*)>& callback,
                        int timeoutMs = 5000);
 
 // Destroys the TCP sockets of a uid, or of one process of that uid, through sock_diag.
@@ -38,9 +40,10 @@ class SockDiag {
     // Netlink attribute in which the target kernel reports the socket's owning pid.
     static constexpr uint16_t kAttrOwnerPid = 19;
 
-    SockDiag();
+    // ops must outlive the object.
+    explicit SockDiag(SocketOps& ops = SocketOps::real());
     // Takes ownership of already connected descriptors, so tests can answer the requests.
-    SockDiag(int dumpSock, int destroySock);
+    SockDiag(int dumpSock, int destroySock, SocketOps& ops = SocketOps::real());
     virtual ~SockDiag();
 
     bool open();
@@ -67,6 +70,7 @@ class SockDiag {
     int getDestroyedCount() const { return mDestroyedCount; }
 
   private:
+    SocketOps& mOps;
     int mDumpSock;
     int mDestroySock;
     int mDestroyedCount;
