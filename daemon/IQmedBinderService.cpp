@@ -7,6 +7,10 @@
 #include <safe_mem_lib.h>
 #include <stdlib.h>
 
+#include <array>
+#include <memory>
+#include <new>
+
 #include "daemon/QmedGlobals.h"
 
 using android::BBinder;
@@ -36,21 +40,243 @@ namespace {
 constexpr uid_t kSystemUid = 1000;
 constexpr uid_t kRootUid = 0;
 
-// num - 1 as unsigned folds 0 and negatives into the refusal together with > 200.
-bool listNumValid(int num) {
-    return static_cast<unsigned>(num) - 1u < static_cast<unsigned>(IQmedBinderService::kMaxListNum);
-}
+using Service = IQmedBinderService;
 
-int* readPids(const Parcel& data, int num) {
-    int* pids = static_cast<int*>(malloc(sizeof(int) * static_cast<size_t>(num)));
-    if (pids == nullptr) return nullptr;
-    for (int i = 0; i < num; i++) pids[i] = data.readInt32();
-    return pids;
+// A pid list as the list codes carry it: a count, then that many ints. A refused count leaves the
+// list unread; pids missing from a short parcel read as 0.
+struct PidList {
+    int num = 0;
+    bool accepted = false;
+    std::array<int, Service::kMaxListNum> pids{};
+};
+
+PidList readPidList(const Parcel& data) {
+    PidList list;
+    list.num = data.readInt32();
+    // num - 1 as unsigned folds 0 and negatives into the refusal together with > 200.
+    list.accepted = static_cast<unsigned>(list.num) - 1u < static_cast<unsigned>(list.pids.size());
+    for (int i = 0; list.accepted && i < list.num; i++) list.pids[i] = data.readInt32();
+    return list;
 }
 
 // The device's long is 32 bits: only the low half of each 64-bit value reaches the operation.
 long low32(int64_t value) {
     return static_cast<long>(static_cast<int32_t>(static_cast<uint64_t>(value) & 0xFFFFFFFFu));
+}
+
+void replyInt(Parcel* reply, int value) {
+    reply->writeNoException();
+    reply->writeInt32(value);
+}
+
+sp<IQmedBinderListener> readListener(const Parcel& data) {
+    return IQmedBinderListener::asInterface(data.readStrongBinder());
+}
+
+void onRegisterListener(Service& s, const Parcel& data, Parcel* reply) {
+    sp<IQmedBinderListener> listener = readListener(data);
+    const int type = data.readInt32();
+    replyInt(reply, s.registerListener(listener, type));
+}
+
+void onUnregisterListener(Service& s, const Parcel& data, Parcel* reply) {
+    replyInt(reply, s.unregisterListener(readListener(data)));
+}
+
+void onDoFreezer(Service& s, const Parcel& data, Parcel* reply) {
+    const int action = data.readInt32();
+    PidList list = readPidList(data);
+    ALOGI("****action is %d, pid num is %d***", action, list.num);
+    if (!list.accepted) {
+        replyInt(reply, -1);
+        ALOGE("****doFreezer num is too larger. action is %d, pid num is %d***", action, list.num);
+        return;
+    }
+    for (int i = 0; bDebug && i < list.num; i++) ALOGD("pid = %d", list.pids[i]);
+    replyInt(reply, s.doFreezer(action, list.pids.data(), list.num));
+}
+
+void onSetKstateMask(Service& s, const Parcel& data, Parcel* reply) {
+    const int mask = data.readInt32();
+    if (bDebug) ALOGD("****mask is %d***", mask);
+    replyInt(reply, s.setKstateMask(mask));
+}
+
+void onGetKstateSync(Service& s, const Parcel& data, Parcel* reply) {
+    const int command = data.readInt32();
+    if (bDebug) ALOGD("****command is %d***", command);
+    replyInt(reply, s.getKstateSync(command));
+}
+
+void onGetProcUTime(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    if (bDebug) ALOGD("****pid is %d***", pid);
+    replyInt(reply, s.getProcUTime(pid));
+}
+
+void onGetProcCpuTime(Service& s, const Parcel& data, Parcel* reply) {
+    const int type = data.readInt32();
+    PidList list = readPidList(data);
+    reply->writeNoException();
+    if (!list.accepted) {
+        ALOGE("qm get proc num is bad, type: %d, num: %d.", type, list.num);
+        return;
+    }
+    // 100 KB stays off the binder thread's stack; a failed allocation still gets a reply.
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[Service::kCpuTimeBufferSize]);
+    if (buffer == nullptr) {
+        reply->writeString16(String16());
+        return;
+    }
+    const size_t size = Service::kCpuTimeBufferSize;
+    if (memset_s(buffer.get(), size, 0, size) == EOK) {
+        s.getProcCpuTime(buffer.get(), type, list.pids.data(), list.num);
+    }
+    // Whatever the parser did, the text ends inside the buffer.
+    buffer[size - 1] = '\0';
+    reply->writeString16(String16(buffer.get()));
+}
+
+void onGetCmdLineByPid(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    char buffer[Service::kCmdLineBufferSize] = {0};
+    s.getCmdLineByPid(buffer, pid, Service::kCmdLineBufferSize);
+    buffer[Service::kCmdLineBufferSize - 1] = '\0';
+    reply->writeNoException();
+    reply->writeString16(String16(buffer));
+}
+
+void onGetPidByNameAndUid(Service& s, const Parcel& data, Parcel* reply) {
+    const String8 name(data.readString16());
+    const int uid = data.readInt32();
+    int pid = -1;
+    s.getPidByNameAndUid(name.c_str(), uid, &pid);
+    replyInt(reply, pid);
+}
+
+void onKillProcess(Service& s, const Parcel& data, Parcel* reply) {
+    PidList list = readPidList(data);
+    ALOGI("****killProcess, pid num is %d***", list.num);
+    if (!list.accepted) {
+        replyInt(reply, -1);
+        ALOGE("****killProcess num is too larger. pid num is %d***", list.num);
+        return;
+    }
+    for (int i = 0; bDebug && i < list.num; i++) ALOGD("killProcess pid = %d", list.pids[i]);
+    replyInt(reply, s.killProcess(list.pids.data(), list.num));
+}
+
+void onSetKWakelock(Service& s, const Parcel& data, Parcel* reply) {
+    const int cmd = data.readInt32();
+    const String8 name(data.readString16());
+    const int timeout = data.readInt32();
+    if (bDebug) ALOGD("****cmd is %d, %s, %d***", cmd, name.c_str(), timeout);
+    replyInt(reply,
+             s.setKWakelock(cmd, name.c_str(), timeout, static_cast<unsigned int>(name.size())));
+}
+
+void onDestroySockets(Service& s, const Parcel& data, Parcel* reply) {
+    const int uid = data.readInt32();
+    const int pid = data.readInt32();
+    if (bDebug) ALOGD("****uid is %d pid is %d***", uid, pid);
+    replyInt(reply, s.destroySockets(uid, pid));
+}
+
+void onSetPowerWatchdog(Service& s, const Parcel& data, Parcel* reply) {
+    const int type = data.readInt32();
+    const long first = low32(data.readInt64());
+    const long second = low32(data.readInt64());
+    const String8 extend(data.readString16());
+    if (bDebug) ALOGD("****type is %d hold is %ld duration is %ld***", type, first, second);
+    replyInt(reply, s.setPowerWatchdog(type, first, second, extend));
+}
+
+void onWriteFileNode(Service& s, const Parcel& data, Parcel* reply) {
+    const String8 path(data.readString16());
+    const String8 content(data.readString16());
+    if (bDebug) ALOGD("****path is %s, content is %s****", path.c_str(), content.c_str());
+    replyInt(reply, s.writeFileNode(path.c_str(), content.c_str()) ? 1 : 0);
+}
+
+void onDoSpear(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    const int rate = data.readInt32();
+    const int type = data.readInt32();
+    const bool includeChildren = data.readInt32() != 0;
+    if (bDebug) {
+        ALOGD("****Spear process, pid is %d, rate is %d%%, spear type is %d, include children "
+              "%d***",
+              pid, rate, type, includeChildren);
+    }
+    replyInt(reply, s.doSpear(pid, rate, type, includeChildren));
+}
+
+void onPauseSpear(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    const int time = data.readInt32();
+    if (bDebug) ALOGD("****Pause Spear process, pid is %d, time is %d***", pid, time);
+    replyInt(reply, s.pauseSpear(pid, time));
+}
+
+void onStopSpear(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    if (bDebug) ALOGD("****Stop Spear process, pid is %d***", pid);
+    replyInt(reply, s.stopSpear(pid));
+}
+
+void onStopSpearAll(Service& s, const Parcel&, Parcel* reply) {
+    replyInt(reply, s.stopSpearAll());
+}
+
+void onChangeSpearParam(Service& s, const Parcel& data, Parcel* reply) {
+    const int pid = data.readInt32();
+    const int rate = data.readInt32();
+    if (bDebug) ALOGD("****Change Spear target rate load, pid: %d new rate is %d%%***", pid, rate);
+    replyInt(reply, s.changeSpearParam(pid, rate));
+}
+
+void onReadFileNode(Service& s, const Parcel& data, Parcel* reply) {
+    const String8 path(data.readString16());
+    const int def = data.readInt32();
+    if (bDebug) ALOGD("****path is %s, def is %d****", path.c_str(), def);
+    replyInt(reply, s.readFileNode(path.c_str(), def));
+}
+
+struct Route {
+    uint32_t code;
+    const char* name;  // of the debug line "<name> in BnQmedBinderService"; null: none
+    void (*handle)(Service& s, const Parcel& data, Parcel* reply);
+};
+
+const Route kRoutes[] = {
+        {Service::REGISTER_LISTENER, "registerListener", onRegisterListener},
+        {Service::UNREGISTER_LISTENER, "unregisterListener", onUnregisterListener},
+        {Service::DO_FREEZER, "doFreezer", onDoFreezer},
+        {Service::SET_KSTATE_MASK, "setKstateMask", onSetKstateMask},
+        {Service::GET_KSTATE_SYNC, "getKstateSync", onGetKstateSync},
+        {Service::GET_PROC_UTIME, "getProcUTime", onGetProcUTime},
+        {Service::GET_PROC_CPU_TIME, nullptr, onGetProcCpuTime},
+        {Service::GET_CMDLINE_BY_PID, nullptr, onGetCmdLineByPid},
+        {Service::GET_PID_BY_NAME_AND_UID, nullptr, onGetPidByNameAndUid},
+        {Service::KILL_PROCESS, "killProcess", onKillProcess},
+        {Service::SET_KWAKELOCK, "setKWakelock", onSetKWakelock},
+        {Service::DESTROY_SOCKETS, "destroySockets", onDestroySockets},
+        {Service::SET_POWER_WATCHDOG, "setPowerWatchdog", onSetPowerWatchdog},
+        {Service::WRITE_FILE_NODE, "writeFileNode", onWriteFileNode},
+        {Service::DO_SPEAR, "doSpear", onDoSpear},
+        // Pause shares the stop wording; log readers match on it.
+        {Service::PAUSE_SPEAR, "stopSpear", onPauseSpear},
+        {Service::STOP_SPEAR, "stopSpear", onStopSpear},
+        {Service::STOP_SPEAR_ALL, "stopSpearAll", onStopSpearAll},
+        {Service::CHANGE_SPEAR_PARAM, "changeSpearParam", onChangeSpearParam},
+        {Service::READ_FILE_NODE, "readFileNode", onReadFileNode},
+};
+
+const Route* findRoute(uint32_t code) {
+    for (const Route& route : kRoutes) {
+        if (route.code == code) return &route;
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -61,277 +287,11 @@ status_t BnQmedBinderService::onTransact(uint32_t code, const Parcel& data, Parc
     if (uid != kSystemUid && uid != kRootUid) {
         return BBinder::onTransact(code, data, reply, flags);
     }
-
-    switch (code) {
-        case REGISTER_LISTENER: {
-            if (bDebug) ALOGD("registerListener in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            sp<IQmedBinderListener> listener =
-                    IQmedBinderListener::asInterface(data.readStrongBinder());
-            int type = data.readInt32();
-            int result = registerListener(listener, type);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case UNREGISTER_LISTENER: {
-            if (bDebug) ALOGD("unregisterListener in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            sp<IQmedBinderListener> listener =
-                    IQmedBinderListener::asInterface(data.readStrongBinder());
-            int result = unregisterListener(listener);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case DO_FREEZER: {
-            if (bDebug) ALOGD("doFreezer in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int action = data.readInt32();
-            int num = data.readInt32();
-            ALOGI("****action is %d, pid num is %d***", action, num);
-            if (!listNumValid(num)) {
-                reply->writeNoException();
-                reply->writeInt32(-1);
-                ALOGE("****doFreezer num is too larger. action is %d, pid num is %d***", action,
-                      num);
-                return NO_ERROR;
-            }
-            int* pids = readPids(data, num);
-            if (bDebug && pids != nullptr) {
-                for (int i = 0; i < num; i++) ALOGD("pid = %d", pids[i]);
-            }
-            int result = pids != nullptr ? doFreezer(action, pids, num) : -1;
-            free(pids);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case SET_KSTATE_MASK: {
-            if (bDebug) ALOGD("setKstateMask in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int mask = data.readInt32();
-            if (bDebug) ALOGD("****mask is %d***", mask);
-            int result = setKstateMask(mask);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case GET_KSTATE_SYNC: {
-            if (bDebug) ALOGD("getKstateSync in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int command = data.readInt32();
-            if (bDebug) ALOGD("****command is %d***", command);
-            int result = getKstateSync(command);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case MONITOR_NET_PACKET:
-            ALOGE("monitorNetPacket not support now!!!");
-            return BBinder::onTransact(code, data, reply, flags);
-        case GET_PROC_UTIME: {
-            if (bDebug) ALOGD("getProcUTime in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            if (bDebug) ALOGD("****pid is %d***", pid);
-            int result = getProcUTime(pid);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case GET_PROC_CPU_TIME: {
-            if (!data.checkInterface(this)) return -1;
-            int type = data.readInt32();
-            int num = data.readInt32();
-            if (!listNumValid(num)) {
-                reply->writeNoException();
-                ALOGE("qm get proc num is bad, type: %d, num: %d.", type, num);
-                return NO_ERROR;
-            }
-            int* pids = readPids(data, num);
-            char* buffer = static_cast<char*>(malloc(kCpuTimeBufferSize));
-            if (buffer == nullptr) {
-                free(pids);
-                reply->writeNoException();
-                reply->writeString16(String16());
-                return NO_ERROR;
-            }
-            if (memset_s(buffer, kCpuTimeBufferSize, 0, kCpuTimeBufferSize) == EOK &&
-                pids != nullptr) {
-                getProcCpuTime(buffer, type, pids, num);
-            }
-            // Whatever the parser did, the text ends inside the buffer.
-            buffer[kCpuTimeBufferSize - 1] = '\0';
-            reply->writeNoException();
-            reply->writeString16(String16(buffer));
-            free(buffer);
-            free(pids);
-            return NO_ERROR;
-        }
-        case GET_CMDLINE_BY_PID: {
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            char buffer[kCmdLineBufferSize] = {0};
-            getCmdLineByPid(buffer, pid, kCmdLineBufferSize);
-            buffer[kCmdLineBufferSize - 1] = '\0';
-            reply->writeNoException();
-            reply->writeString16(String16(buffer));
-            return NO_ERROR;
-        }
-        case GET_PID_BY_NAME_AND_UID: {
-            if (!data.checkInterface(this)) return -1;
-            String8 name(data.readString16());
-            int uid = data.readInt32();
-            int pid = -1;
-            getPidByNameAndUid(name.c_str(), uid, &pid);
-            reply->writeNoException();
-            reply->writeInt32(pid);
-            return NO_ERROR;
-        }
-        case KILL_PROCESS: {
-            if (bDebug) ALOGD("killProcess in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int num = data.readInt32();
-            ALOGI("****killProcess, pid num is %d***", num);
-            if (!listNumValid(num)) {
-                reply->writeNoException();
-                reply->writeInt32(-1);
-                ALOGE("****killProcess num is too larger. pid num is %d***", num);
-                return NO_ERROR;
-            }
-            int* pids = readPids(data, num);
-            if (bDebug && pids != nullptr) {
-                for (int i = 0; i < num; i++) ALOGD("killProcess pid = %d", pids[i]);
-            }
-            int result = pids != nullptr ? killProcess(pids, num) : -1;
-            free(pids);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case SET_KWAKELOCK: {
-            if (bDebug) ALOGD("setKWakelock in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int cmd = data.readInt32();
-            String8 name(data.readString16());
-            int timeout = data.readInt32();
-            if (bDebug) ALOGD("****cmd is %d, %s, %d***", cmd, name.c_str(), timeout);
-            int result = setKWakelock(cmd, name.c_str(), timeout,
-                                      static_cast<unsigned int>(name.size()));
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case DESTROY_SOCKETS: {
-            if (bDebug) ALOGD("destroySockets in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int uid = data.readInt32();
-            int pid = data.readInt32();
-            if (bDebug) ALOGD("****uid is %d pid is %d***", uid, pid);
-            int result = destroySockets(uid, pid);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case SET_POWER_WATCHDOG: {
-            if (bDebug) ALOGD("setPowerWatchdog in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int type = data.readInt32();
-            long first = low32(data.readInt64());
-            long second = low32(data.readInt64());
-            String8 extend(data.readString16());
-            if (bDebug) {
-                ALOGD("****type is %d hold is %ld duration is %ld***", type, first, second);
-            }
-            int result = setPowerWatchdog(type, first, second, extend);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case WRITE_FILE_NODE: {
-            if (bDebug) ALOGD("writeFileNode in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            String8 path(data.readString16());
-            String8 content(data.readString16());
-            if (bDebug) ALOGD("****path is %s, content is %s****", path.c_str(), content.c_str());
-            bool result = writeFileNode(path.c_str(), content.c_str());
-            reply->writeNoException();
-            reply->writeInt32(result ? 1 : 0);
-            return NO_ERROR;
-        }
-        case DO_SPEAR: {
-            if (bDebug) ALOGD("doSpear in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            int rate = data.readInt32();
-            int type = data.readInt32();
-            bool includeChildren = data.readInt32() != 0;
-            if (bDebug) {
-                ALOGD("****Spear process, pid is %d, rate is %d%%, spear type is %d, include "
-                      "children %d***",
-                      pid, rate, type, includeChildren);
-            }
-            int result = doSpear(pid, rate, type, includeChildren);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case PAUSE_SPEAR: {
-            // Shares the stop wording; log readers match on it.
-            if (bDebug) ALOGD("stopSpear in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            int time = data.readInt32();
-            if (bDebug) ALOGD("****Pause Spear process, pid is %d, time is %d***", pid, time);
-            int result = pauseSpear(pid, time);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case STOP_SPEAR: {
-            if (bDebug) ALOGD("stopSpear in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            if (bDebug) ALOGD("****Stop Spear process, pid is %d***", pid);
-            int result = stopSpear(pid);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case STOP_SPEAR_ALL: {
-            if (bDebug) ALOGD("stopSpearAll in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int result = stopSpearAll();
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case CHANGE_SPEAR_PARAM: {
-            if (bDebug) ALOGD("changeSpearParam in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            int pid = data.readInt32();
-            int rate = data.readInt32();
-            if (bDebug) {
-                ALOGD("****Change Spear target rate load, pid: %d new rate is %d%%***", pid, rate);
-            }
-            int result = changeSpearParam(pid, rate);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        case READ_FILE_NODE: {
-            if (bDebug) ALOGD("readFileNode in BnQmedBinderService");
-            if (!data.checkInterface(this)) return -1;
-            String8 path(data.readString16());
-            int def = data.readInt32();
-            if (bDebug) ALOGD("****path is %s, def is %d****", path.c_str(), def);
-            int result = readFileNode(path.c_str(), def);
-            reply->writeNoException();
-            reply->writeInt32(result);
-            return NO_ERROR;
-        }
-        default:
-            return BBinder::onTransact(code, data, reply, flags);
-    }
+    if (code == MONITOR_NET_PACKET) ALOGE("monitorNetPacket not support now!!!");
+    const Route* route = findRoute(code);
+    if (route == nullptr) return BBinder::onTransact(code, data, reply, flags);
+    if (bDebug && route->name != nullptr) ALOGD("%s in BnQmedBinderService", route->name);
+    if (!data.checkInterface(this)) return -1;
+    route->handle(*this, data, reply);
+    return NO_ERROR;
 }
