@@ -13,6 +13,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
@@ -21,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "StatusView.h"
 #include "daemon/IQmedBinderService.h"
 #include "listener/IQmedBinderListener.h"
 
@@ -75,10 +77,15 @@ const char* kUsage =
         "  stop-all                   stop limiting every process\n"
         "  rate PID RATE              change the target rate of PID\n"
         "Other:\n"
+        "  status [--json]            what the daemon holds: its pid, the processes in its\n"
+        "                             freezer groups, the stopped processes (no binder call)\n"
         "  dump [ARGS]                dump the service (\"debug\" turns debug logging on)\n"
         "  listen MASK                register a listener and print callbacks until\n"
         "                             interrupted (1 kernel state, 2 network packets,\n"
-        "                             4 released processes, 0x20000000 dumps)\n";
+        "                             4 released processes, 0x20000000 dumps)\n"
+        "\n"
+        "Exit status: 0 done, 1 refused or failed (by the reply, or no service),\n"
+        "2 usage error. Warnings go to stderr; stdout carries only results.\n";
 
 int fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 int fail(const char* fmt, ...) {
@@ -89,6 +96,17 @@ int fail(const char* fmt, ...) {
     fputc('\n', stderr);
     va_end(ap);
     return 1;
+}
+
+int usage(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+int usage(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    fputs("qmedctl: ", stderr);
+    vfprintf(stderr, fmt, ap);
+    fputs(" (see qmedctl --help)\n", stderr);
+    va_end(ap);
+    return 2;
 }
 
 bool parseInt(const char* text, long long min, long long max, long long* out) {
@@ -108,6 +126,13 @@ bool parseInt32(const char* text, int* out) {
     return true;
 }
 
+// parseInt32 that names what it could not read.
+bool num(const char* text, int* out) {
+    if (parseInt32(text, out)) return true;
+    usage("not a number: %s", text != nullptr ? text : "(none)");
+    return false;
+}
+
 const char* statusText(status_t status) {
     switch (status) {
         case android::UNKNOWN_TRANSACTION:
@@ -125,8 +150,12 @@ const char* statusText(status_t status) {
 
 class Client {
   public:
+    // Connects on first use, so that usage errors are found without a daemon.
     bool connect() {
-        mService = android::defaultServiceManager()->checkService(String16(kServiceName));
+        if (mService == nullptr) {
+            mService = android::defaultServiceManager()->checkService(String16(kServiceName));
+        }
+        if (mService == nullptr) fail("service %s is not running", kServiceName);
         return mService != nullptr;
     }
 
@@ -139,6 +168,7 @@ class Client {
 
     // Sends the request and checks the no-exception marker.
     bool call(uint32_t code) {
+        if (!connect()) return false;
         mReply.freeData();
         status_t status = mService->transact(code, mData, &mReply, 0);
         if (status != android::NO_ERROR) {
@@ -165,7 +195,7 @@ class Client {
 // Prints the int result; -1 means the daemon refused or failed.
 int finishInt(Client& client, const char* what) {
     int32_t result = client.reply().readInt32();
-    if (result == -1) return fail("%s failed (result -1)", what);
+    if (result < 0) return fail("%s failed (result %d)", what, result);
     printf("%s: ok (result %d)\n", what, result);
     return 0;
 }
@@ -201,17 +231,37 @@ int finishLimiter(Client& client, const char* what) {
     return fail("%s failed: %s (result %d)", what, reason, result);
 }
 
+// The daemon replies 0 for pids it skips; say which, on stderr. The list ends at -1.
+void warnSkipped(const std::vector<int>& pids, bool kill) {
+    ProcFs proc;
+    for (int pid : pids) {
+        if (pid == -1) break;
+        if (kill && pid <= 0) continue;  // signals a process group: not ours to judge
+        int tgid = pid > 0 ? proc.tgid(pid) : -1;
+        if (tgid == -1) {
+            fprintf(stderr, "qmedctl: warning: no process has pid %d; the reply does not say so\n",
+                    pid);
+        } else if (tgid != pid && !kill) {
+            fprintf(stderr,
+                    "qmedctl: warning: %d is a thread of process %d, which the daemon skips; the "
+                    "reply does not say so\n",
+                    pid, tgid);
+        }
+    }
+}
+
 // Freeze and thaw lists end with -1 on the wire; a trailing -1 is added when missing.
 int pidList(Client& client, uint32_t code, int action, bool terminate, int argc, char** argv,
             const char* what) {
     std::vector<int> pids;
     for (int i = 0; i < argc; i++) {
         int pid;
-        if (!parseInt32(argv[i], &pid)) return fail("not a pid: %s", argv[i]);
+        if (!num(argv[i], &pid)) return 2;
         pids.push_back(pid);
     }
-    if (pids.empty()) return fail("%s needs at least one pid", what);
+    if (pids.empty()) return usage("%s needs at least one pid", what);
     if (terminate && pids.back() != -1) pids.push_back(-1);
+    if (action != 3) warnSkipped(pids, code == IQmedBinderService::KILL_PROCESS);
     const bool withAction = code == IQmedBinderService::DO_FREEZER;
     Parcel& data = client.request();
     if (withAction) data.writeInt32(action);
@@ -233,16 +283,16 @@ int cmdCputime(Client& client, int argc, char** argv) {
         } else if (strcmp(argv[0], "pid") == 0) {
             type = 2;
         } else {
-            return fail("cputime: expected all, uid or pid, got %s", argv[0]);
+            return usage("cputime: expected all, uid or pid, got %s", argv[0]);
         }
         i = 1;
     }
     for (; i < argc; i++) {
         int id;
-        if (!parseInt32(argv[i], &id)) return fail("not a number: %s", argv[i]);
+        if (!num(argv[i], &id)) return 2;
         ids.push_back(id);
     }
-    if (type != 0 && ids.empty()) return fail("cputime %s needs at least one id", argv[0]);
+    if (type != 0 && ids.empty()) return usage("cputime %s needs at least one id", argv[0]);
     // The daemon wants 1..200 ids even when it does not read them.
     if (ids.empty()) ids.push_back(0);
     Parcel& data = client.request();
@@ -362,7 +412,9 @@ class PrintingListener : public BnInterface<IQmedBinderListener> {
 
 int cmdListen(Client& client, int argc, char** argv) {
     int mask;
-    if (argc != 1 || !parseInt32(argv[0], &mask)) return fail("usage: listen MASK");
+    if (argc != 1) return usage("usage: qmedctl listen MASK");
+    if (!num(argv[0], &mask)) return 2;
+    if (!client.connect()) return 1;
 
     sigset_t signals;
     sigemptyset(&signals);
@@ -401,12 +453,43 @@ int cmdListen(Client& client, int argc, char** argv) {
 int cmdDump(Client& client, int argc, char** argv) {
     Vector<String16> args;
     for (int i = 0; i < argc; i++) args.add(String16(argv[i]));
+    if (!client.connect()) return 1;
+    // Into a file of our own rather than stdout: only so can we tell that nothing came back.
+    int fd = memfd_create("qmedctl-dump", MFD_CLOEXEC);
+    if (fd < 0) return fail("dump: cannot make a buffer: %s", strerror(errno));
+    status_t status = client.service()->dump(fd, args);
+    std::string text;
+    char buf[4096];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t n; (n = TEMP_FAILURE_RETRY(read(fd, buf, sizeof(buf)))) > 0;) text.append(buf, n);
+    close(fd);
+    fwrite(text.data(), 1, text.size(), stdout);
     fflush(stdout);
-    status_t status = client.service()->dump(STDOUT_FILENO, args);
     if (status != android::NO_ERROR) {
         return fail("dump failed: %s (%d)", statusText(status), status);
     }
+    if (text.rfind("Permission Denial:", 0) == 0) return fail("dump refused");
+    if (text.empty()) {
+        fputs("qmedctl: nothing came back: no listener takes dump requests (one registered with "
+              "mask 0x20000000 would, e.g. qmedctl listen 0x20000000)\n",
+              stderr);
+    }
     return 0;
+}
+
+int cmdStatus(int argc, char** argv) {
+    const bool json = argc == 1 && strcmp(argv[0], "--json") == 0;
+    if (argc > 1 || (argc == 1 && !json)) return usage("usage: qmedctl status [--json]");
+    StatusView view;
+    const bool found = view.collect();
+    fputs(json ? view.json().c_str() : view.table().c_str(), stdout);
+    if (found) return 0;
+    std::string where;
+    for (const std::string& path : view.looked()) where += (where.empty() ? "" : " nor at ") + path;
+    return fail(
+            "no freezer hierarchy at %s (no cgroup.procs there); it is seen as root in the "
+            "daemon's mount namespace, on a host inside qmed-ns",
+            where.c_str());
 }
 
 int run(int argc, char** argv) {
@@ -420,14 +503,10 @@ int run(int argc, char** argv) {
     char** args = argv + 2;
 
     Client client;
-    if (!client.connect()) return fail("service %s is not running", kServiceName);
-
-    auto needArgs = [&](int min, int max, const char* usage) {
-        if (n < min || n > max) {
-            fail("usage: qmedctl %s", usage);
-            return false;
-        }
-        return true;
+    auto needArgs = [&](int min, int max, const char* text) {
+        if (n >= min && n <= max) return true;
+        usage("usage: qmedctl %s", text);
+        return false;
     };
     int a = 0, b = 0, c = 0;
 
@@ -447,7 +526,7 @@ int run(int argc, char** argv) {
     } else if (cmd == "cputime") {
         return cmdCputime(client, n, args);
     } else if (cmd == "cmdline") {
-        if (!needArgs(1, 1, "cmdline PID") || !parseInt32(args[0], &a)) return 2;
+        if (!needArgs(1, 1, "cmdline PID") || !num(args[0], &a)) return 2;
         client.request().writeInt32(a);
         if (!client.call(IQmedBinderService::GET_CMDLINE_BY_PID)) return 1;
         String8 text(client.reply().readString16());
@@ -457,7 +536,7 @@ int run(int argc, char** argv) {
     } else if (cmd == "pidof") {
         if (!needArgs(1, 2, "pidof NAME [UID]")) return 2;
         int uid = -1;
-        if (n == 2 && !parseInt32(args[1], &uid)) return fail("not a uid: %s", args[1]);
+        if (n == 2 && !num(args[1], &uid)) return 2;
         Parcel& data = client.request();
         data.writeString16(String16(args[0]));
         data.writeInt32(uid);
@@ -467,7 +546,7 @@ int run(int argc, char** argv) {
         printf("%d\n", pid);
         return 0;
     } else if (cmd == "utime") {
-        if (!needArgs(1, 1, "utime PID") || !parseInt32(args[0], &a)) return 2;
+        if (!needArgs(1, 1, "utime PID") || !num(args[0], &a)) return 2;
         client.request().writeInt32(a);
         if (!client.call(IQmedBinderService::GET_PROC_UTIME)) return 1;
         int value = client.reply().readInt32();
@@ -475,8 +554,8 @@ int run(int argc, char** argv) {
         printf("%d\n", value);
         return 0;
     } else if (cmd == "sockets") {
-        if (!needArgs(1, 2, "sockets UID [PID]") || !parseInt32(args[0], &a)) return 2;
-        if (n == 2 && !parseInt32(args[1], &b)) return fail("not a pid: %s", args[1]);
+        if (!needArgs(1, 2, "sockets UID [PID]") || !num(args[0], &a)) return 2;
+        if (n == 2 && !num(args[1], &b)) return 2;
         Parcel& data = client.request();
         data.writeInt32(a);
         data.writeInt32(b);
@@ -485,9 +564,9 @@ int run(int argc, char** argv) {
     } else if (cmd == "watchdog") {
         if (!needArgs(3, 4, "watchdog TYPE DURATION HOLDTIME [EXTEND]")) return 2;
         long long duration, hold;
-        if (!parseInt32(args[0], &a) || !parseInt(args[1], INT64_MIN, INT64_MAX, &duration) ||
+        if (!num(args[0], &a) || !parseInt(args[1], INT64_MIN, INT64_MAX, &duration) ||
             !parseInt(args[2], INT64_MIN, INT64_MAX, &hold)) {
-            return fail("watchdog: TYPE, DURATION and HOLDTIME are numbers");
+            return usage("watchdog: TYPE, DURATION and HOLDTIME are numbers");
         }
         Parcel& data = client.request();
         data.writeInt32(a);
@@ -499,7 +578,7 @@ int run(int argc, char** argv) {
     } else if (cmd == "read-node") {
         if (!needArgs(1, 2, "read-node PATH [DEF]")) return 2;
         int def = -1;
-        if (n == 2 && !parseInt32(args[1], &def)) return fail("not a number: %s", args[1]);
+        if (n == 2 && !num(args[1], &def)) return 2;
         Parcel& data = client.request();
         data.writeString16(String16(args[0]));
         data.writeInt32(def);
@@ -516,13 +595,13 @@ int run(int argc, char** argv) {
         printf("write-node: ok\n");
         return 0;
     } else if (cmd == "mask") {
-        if (!needArgs(1, 1, "mask MASK") || !parseInt32(args[0], &a)) return 2;
+        if (!needArgs(1, 1, "mask MASK") || !num(args[0], &a)) return 2;
         client.request().writeInt32(a);
         if (!client.call(IQmedBinderService::SET_KSTATE_MASK)) return 1;
         return finishInt(client, "mask");
     } else if (cmd == "wakelock") {
-        if (!needArgs(3, 3, "wakelock CMD NAME TIMEOUT") || !parseInt32(args[0], &a) ||
-            !parseInt32(args[2], &b)) {
+        if (!needArgs(3, 3, "wakelock CMD NAME TIMEOUT") || !num(args[0], &a) ||
+            !num(args[2], &b)) {
             return 2;
         }
         Parcel& data = client.request();
@@ -532,7 +611,7 @@ int run(int argc, char** argv) {
         if (!client.call(IQmedBinderService::SET_KWAKELOCK)) return 1;
         return finishInt(client, "wakelock");
     } else if (cmd == "kstate-sync") {
-        if (!needArgs(1, 1, "kstate-sync CMD") || !parseInt32(args[0], &a)) return 2;
+        if (!needArgs(1, 1, "kstate-sync CMD") || !num(args[0], &a)) return 2;
         client.request().writeInt32(a);
         if (!client.call(IQmedBinderService::GET_KSTATE_SYNC)) return 1;
         return finishInt(client, "kstate-sync");
@@ -546,9 +625,9 @@ int run(int argc, char** argv) {
                 rest.push_back(args[i]);
             }
         }
-        if (rest.size() < 2 || rest.size() > 3 || !parseInt32(rest[0], &a) ||
-            !parseInt32(rest[1], &b) || (rest.size() == 3 && !parseInt32(rest[2], &c))) {
-            return fail("usage: qmedctl spear PID RATE [TYPE] [--children]");
+        if (rest.size() < 2 || rest.size() > 3 || !num(rest[0], &a) || !num(rest[1], &b) ||
+            (rest.size() == 3 && !num(rest[2], &c))) {
+            return usage("usage: qmedctl spear PID RATE [TYPE] [--children]");
         }
         Parcel& data = client.request();
         data.writeInt32(a);
@@ -558,8 +637,7 @@ int run(int argc, char** argv) {
         if (!client.call(IQmedBinderService::DO_SPEAR)) return 1;
         return finishLimiter(client, "spear");
     } else if (cmd == "pause") {
-        if (!needArgs(2, 2, "pause PID CYCLES") || !parseInt32(args[0], &a) ||
-            !parseInt32(args[1], &b)) {
+        if (!needArgs(2, 2, "pause PID CYCLES") || !num(args[0], &a) || !num(args[1], &b)) {
             return 2;
         }
         Parcel& data = client.request();
@@ -568,7 +646,7 @@ int run(int argc, char** argv) {
         if (!client.call(IQmedBinderService::PAUSE_SPEAR)) return 1;
         return finishLimiter(client, "pause");
     } else if (cmd == "stop") {
-        if (!needArgs(1, 1, "stop PID") || !parseInt32(args[0], &a)) return 2;
+        if (!needArgs(1, 1, "stop PID") || !num(args[0], &a)) return 2;
         client.request().writeInt32(a);
         if (!client.call(IQmedBinderService::STOP_SPEAR)) return 1;
         return finishLimiter(client, "stop");
@@ -578,8 +656,7 @@ int run(int argc, char** argv) {
         if (!client.call(IQmedBinderService::STOP_SPEAR_ALL)) return 1;
         return finishLimiter(client, "stop-all");
     } else if (cmd == "rate") {
-        if (!needArgs(2, 2, "rate PID RATE") || !parseInt32(args[0], &a) ||
-            !parseInt32(args[1], &b)) {
+        if (!needArgs(2, 2, "rate PID RATE") || !num(args[0], &a) || !num(args[1], &b)) {
             return 2;
         }
         Parcel& data = client.request();
@@ -591,9 +668,10 @@ int run(int argc, char** argv) {
         return cmdDump(client, n, args);
     } else if (cmd == "listen") {
         return cmdListen(client, n, args);
+    } else if (cmd == "status") {
+        return cmdStatus(n, args);
     }
-    fail("unknown command %s (see qmedctl --help)", cmd.c_str());
-    return 2;
+    return usage("unknown command %s", cmd.c_str());
 }
 
 }  // namespace

@@ -1,0 +1,38 @@
+#include "FrzTree.h"
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <regex>
+
+bool FrzTree::mounted() const {
+    return access((mRoot + "/cgroup.procs").c_str(), F_OK) == 0;
+}
+
+bool FrzTree::isDaemonGroup(const std::string& name) {
+    // "VP%d_" carries the value of the daemon's -t option.
+    static const std::regex kName("(VP-?[0-9]+_)?Group_[0-9]{10}");
+    return std::regex_match(name, kName);
+}
+
+std::vector<FrzTree::Group> FrzTree::groups() const {
+    std::vector<Group> out;
+    DIR* dir = opendir(mRoot.c_str());
+    if (dir == nullptr) return out;
+    while (dirent* e = readdir(dir)) {
+        if (!isDaemonGroup(e->d_name)) continue;
+        Group g{e->d_name, "", {}};
+        const std::string path = mRoot + "/" + g.name;
+        std::ifstream(path + "/freezer.state") >> g.state;
+        std::ifstream procs(path + "/cgroup.procs");
+        for (int pid; procs >> pid;) g.pids.push_back(pid);
+        out.push_back(g);
+    }
+    closedir(dir);
+    std::sort(out.begin(), out.end(),
+              [](const Group& a, const Group& b) { return a.name < b.name; });
+    return out;
+}
