@@ -62,9 +62,9 @@ class QmedBinderService : public android::BinderService<QmedBinderService>,
     android::sp<IQmedBinderListenerService> mListenerService;
     android::sp<Freezer> mFreezer;
     android::sp<Kstate> mKstate;
-    SockDiag mSockDiag;
-    android::sp<Spear> mSpear;
     // Concurrent destroySockets calls would otherwise interleave on one pair of sockets.
     android::Mutex mSockDiagLock;
+    SockDiag mSockDiag GUARDED_BY(mSockDiagLock);
+    android::sp<Spear> mSpear;
     android::String8 mPowerWatchdogPath;
 };

@@ -7,25 +7,25 @@
 #include <log/log.h>
 #include <pthread.h>
 #include <string.h>
+#include <utils/Mutex.h>
 
+using android::Mutex;
 using android::sp;
 
 namespace {
 
-sp<Vigil> sInstance;
+Mutex sCreateLock;
+sp<Vigil> sInstance GUARDED_BY(sCreateLock);
 // Set up before main like the other module statics; nothing takes it.
 pthread_mutex_t sModuleMutex = PTHREAD_MUTEX_INITIALIZER;
 
 }  // namespace
 
 sp<Vigil> Vigil::getInstance() {
-    static pthread_mutex_t sCreateMutex = PTHREAD_MUTEX_INITIALIZER;
     (void)sModuleMutex;
-    pthread_mutex_lock(&sCreateMutex);
+    Mutex::Autolock lock(sCreateLock);
     if (sInstance == nullptr) sInstance = new Vigil();
-    sp<Vigil> instance = sInstance;
-    pthread_mutex_unlock(&sCreateMutex);
-    return instance;
+    return sInstance;
 }
 
 Vigil::Vigil(const char* library) : android::Thread(false), mLibrary(library) {}

@@ -58,11 +58,7 @@ class IQmedBinderListenerService : public virtual android::RefBase {
 
     int registerListener(const android::sp<IQmedBinderListener>& listener, int type);
     int unregisterListener(const android::sp<IQmedBinderListener>& listener);
-    // Called with mLock held.
-    int getListenerIndex(const android::sp<IQmedBinderListener>& listener);
     void clearDeadListeners(const android::wp<android::IBinder>& who);
-    // Called with mLock held.
-    bool shouldReport(int callerPid, int targetPid);
     void handleMessage(int type, Message msg);
     int dump(int fd, const android::Vector<android::String16>& args);
 
@@ -71,21 +67,26 @@ class IQmedBinderListenerService : public virtual android::RefBase {
     void setClock(Clock clock) { mClock = clock; }
     size_t listenerCount();
     size_t reportTimeCount();
-    int systemServerPid() const { return mSystemServerPid; }
-    int cxspPid() const { return mCxspPid; }
+    int systemServerPid() {
+        android::Mutex::Autolock lock(mLock);
+        return mSystemServerPid;
+    }
 
   private:
     // Largest kernel-state payload passed on; larger ones cannot travel in one transaction.
     static constexpr intptr_t kMaxKstatePayload = 256 * 1024;
 
-    void handleKstate(int len, const unsigned char* payload, bool limited);
+    int getListenerIndex(const android::sp<IQmedBinderListener>& listener) REQUIRES(mLock);
+    bool shouldReport(int callerPid, int targetPid) REQUIRES(mLock);
+    void handleKstate(int len, const unsigned char* payload, bool limited) REQUIRES(mLock);
 
-    android::KeyedVector<android::sp<IQmedBinderListener>, unsigned int> mListeners;
     android::Mutex mLock;
+    android::KeyedVector<android::sp<IQmedBinderListener>, unsigned int> mListeners
+            GUARDED_BY(mLock);
     android::sp<Freezer> mFreezer;
-    int mSystemServerPid;
-    int mCxspPid;
-    android::KeyedVector<int, long> mReportTime;
+    int mSystemServerPid GUARDED_BY(mLock);
+    int mCxspPid GUARDED_BY(mLock);
+    android::KeyedVector<int, long> mReportTime GUARDED_BY(mLock);
     android::sp<Spear> mSpear;
     Clock mClock;
 };

@@ -9,8 +9,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <mutex>
-
 #include "daemon/QmedGlobals.h"
 #include "msghub/ChannelNetlink.h"
 #include "msghub/Kstate.h"
@@ -19,13 +17,13 @@
 using android::Mutex;
 using android::sp;
 
-static sp<ChannelManager> sInstance;
-static std::mutex sInstanceLock;
+static Mutex sInstanceLock;
+static sp<ChannelManager> sInstance GUARDED_BY(sInstanceLock);
 
 // Always under the lock: an unlocked first test of a strong pointer would race
 // with its creation on another thread.
 sp<ChannelManager> ChannelManager::getInstance() {
-    std::lock_guard<std::mutex> lock(sInstanceLock);
+    Mutex::Autolock lock(sInstanceLock);
     if (sInstance == nullptr) {
         sInstance = new ChannelManager();
     }
@@ -107,11 +105,11 @@ int ChannelManager::add(Channel* channel) {
         ALOGE("add, NULL == pChannel, return!\n");
         return -1;
     }
+    Mutex::Autolock lock(mLock);
     if (mChannels.size() >= CHANNEL_MAX) {
         ALOGE("Exceed maximum channel number, retry later\n");
         return -1;
     }
-    Mutex::Autolock lock(mLock);
     if (channel->init() < 0) {
         return -1;
     }

@@ -30,8 +30,9 @@ class ChannelManager : public android::Thread {
     int validateChannel(Channel* channel);
     Channel* getChannelById(int id);
 
-    int selectChannel();
-    void checkChannel();
+    // Hub thread only: the one writer of mChannels reads it without the lock.
+    int selectChannel() NO_THREAD_SAFETY_ANALYSIS;
+    void checkChannel() NO_THREAD_SAFETY_ANALYSIS;
     int forwardMessage(Channel* channel, const char* buf, unsigned len);
     int waitForMessage();
 
@@ -43,7 +44,8 @@ class ChannelManager : public android::Thread {
     bool threadLoop() override;
     bool isListed(Channel* channel);
 
-    android::List<Channel*> mChannels;
+    // Written only on the hub thread, under mLock; the hub thread reads it without.
+    android::List<Channel*> mChannels GUARDED_BY(mLock);
     fd_set mReadFds;
     android::Mutex mLock;
     ChannelFactory* mFirstFactory;

@@ -51,5 +51,5 @@ class Kstate : public android::RefBase {
     android::sp<IQmedBinderListenerService> listenerService();
 
     android::Mutex mLock;  // guards the hand-over of mListenerService to the hub thread
-    android::sp<IQmedBinderListenerService> mListenerService;
+    android::sp<IQmedBinderListenerService> mListenerService GUARDED_BY(mLock);
 };

@@ -64,7 +64,9 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
     } thaw{freezer};
     sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(freezer, nullptr);
     registry->setClock([](time_t* out) { return out ? *out = gNow : gNow; });
-    EXPECT_FALSE(registry->shouldReport(0, 100));  // no system server known yet
+    // No system server known yet: a call from pid 0 is not taken for one.
+    registry->handleMessage(1, kstateMsg(eventPayload(16, "[TPID 100 CALLED][PID 0]")));
+    EXPECT_EQ(0u, registry->reportTimeCount());
     sp<RecordingBinder> l[5];
     for (auto& x : l) x = new RecordingBinder();
     // {listener (-1: none), mask, code}; registering again keeps the first mask.
