@@ -4,36 +4,25 @@
 #include <limits.h>
 #include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
-#include <signal.h>
 
 #include "daemon/QmedGlobals.h"
 #include "sockdiag/SockDiag.h"
+#include "tests/support/FakeSockets.h"
 
 using qmed::host::LogCapture;
+using qmedtest::FakeSockets;
 using Ids = std::vector<std::string>;
 
 namespace {
 
 constexpr uint32_t kUid = 10001;
 
-int pairOf(int* sv) {
-    socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv);
-    return sv[0];
-}
-
-// A SockDiag on socket pairs whose other ends ([1]) the test answers as the kernel would.
+// A SockDiag opened on a scripted kernel: socket 0 takes the dumps, socket 1 the destroys.
 struct Kernel {
-    int dump[2] = {-1, -1}, destroy[2] = {-1, -1};
-    SockDiag sd{pairOf(dump), pairOf(destroy)};
-    ~Kernel() { close(dump[1]), close(destroy[1]); }
+    FakeSockets os;
+    SockDiag sd{os};
+    Kernel() { sd.open(); }
 };
-
-Ids drain(int peer) {
-    Ids out;
-    char buf[4096];
-    for (ssize_t n; (n = recv(peer, buf, sizeof(buf), MSG_DONTWAIT)) > 0;) out.emplace_back(buf, n);
-    return out;
-}
 
 template <typename T>
 std::string raw(const T& v) {
@@ -95,15 +84,19 @@ const Ids kDump = {
 // of it: the return, the count and the source ports of the destroy requests in order.
 using Script = std::tuple<int, Ids, std::string, int, int, std::vector<int>>;
 
+const std::string kKernelAddr = "100000000000000000000000", kDiagSocket = " 16 524290 4";
+
 }  // namespace
 
 TEST(SockDiag, DestroyCallsAgainstAScriptedKernel) {
-    signal(SIGPIPE, SIG_IGN);
     // clang-format off
     const Script scripts[] = {
         {0, kDump, "", 0, 10, {1, 2, 23, 24, 25, 4, 6, 33, 34, 36}},
         {0, {msg(diag("10.0.0.2", "10.0.0.1", 9, 1, kUid + 1)) + kDone, kDone}, "", 0, 0, {}},
         {0, {msg(kEst) + msg(kTw) + kDone, kDone}, errorMsg(-ENOENT, 56), 0, 1, {1, 2}},  // refused
+        // A 36-byte reply that is no error is left alone.
+        {0, {msg(kEst) + msg(kTw) + kDone, kDone}, nlmsg(NLMSG_DONE, std::string(20, '\0')), 0, 2,
+         {1, 2}},
         // The owner attribute: another pid, after another attribute, another uid, too short,
         // after a bad attribute, and loopback.
         {4242, {msg(kEst, kOwner) + msg(kTw, attr(SockDiag::kAttrOwnerPid, raw(999u))) +
@@ -121,8 +114,10 @@ TEST(SockDiag, DestroyCallsAgainstAScriptedKernel) {
         {0, {msg(kEst) + errorMsg(-ENOBUFS) + msg(kTw)}, "", -ENOBUFS, 1, {1}},
         {5, {kDone, msg(kEst) + errorMsg(-EIO)}, "", -EIO, 0, {}},
         {5, {errorMsg(INT_MIN)}, "", INT_MIN, 0, {}},
-        // A dump that ends without NLMSG_DONE does not hold the caller; a lost kernel end fails.
+        // A dump that ends without NLMSG_DONE does not hold the caller, nor does a silent kernel;
+        // a lost kernel end fails.
         {0, {msg(kEst), kEof}, "", 0, 1, {1}},
+        {0, {}, "", -ETIMEDOUT, 0, {}},
         {0, {kGone}, "", -EPIPE, 0, {}},
     };
     // clang-format on
@@ -131,43 +126,84 @@ TEST(SockDiag, DestroyCallsAgainstAScriptedKernel) {
         SCOPED_TRACE(i);
         Kernel k;
         for (const std::string& d : dump) {
-            if (d == kEof) shutdown(k.dump[1], SHUT_WR);
-            if (d == kGone) close(k.dump[1]), k.dump[1] = -1;
-            if (d != kEof && d != kGone) send(k.dump[1], d.data(), d.size(), 0);
+            if (d == kGone) k.os.failing["writev"] = EPIPE;
+            if (d != kGone) k.os.reply(0, d == kEof ? "" : d);
         }
-        send(k.destroy[1], reply.data(), reply.size(), 0);
+        if (!reply.empty()) k.os.reply(1, reply);
         LogCapture log;
         EXPECT_EQ(ret, pid ? k.sd.destroySocketsPid(kUid, pid, true)
                            : k.sd.destroySocketsUid(kUid, true));
         std::vector<int> ports;
-        for (const std::string& r : drain(k.destroy[1]))
-            ports.push_back(r[24] * 256 + uint8_t(r[25]));
+        for (const std::string& r : k.os.sent("write 1 "))
+            ports.push_back(std::stoi(r.substr(48, 4), 0, 16));
         EXPECT_EQ(ports, want);
         EXPECT_EQ(k.sd.getDestroyedCount(), count);
         EXPECT_EQ(log.count("Destroyed " + std::to_string(count) + " sockets for uid:10001 "),
                   ret == 0 && count > 0 ? 1u : 0u);
         // IPv6 is never asked for once IPv4 failed.
-        EXPECT_EQ(drain(k.dump[1]).size(), ret == -EPIPE ? 0u : dump.size() == 1 ? 1u : 2u);
+        EXPECT_EQ(k.os.sent("writev 0 ").size(), dump.size() <= 1 ? 1u : 2u);
     }
-    // The request bytes; states past 31 cannot be shifted into the mask.
+}
+
+// Every request byte for byte, and the line each destroy leaves: both addresses in it are the
+// source. States past 31 cannot be shifted into the mask.
+TEST(SockDiag, OpensConnectedPairAndSendsGoldenRequests) {
+    const std::string v4 = "0a000002" + std::string(24, '0') + "0a000001" + std::string(24, '0');
+    // {socket, reply to its destroy, mask, addresses, line}
+    const std::tuple<inet_diag_msg, std::string, const char*, std::string, std::string> rows[] = {
+            {diag("10.0.0.2", "10.0.0.1", 0x1234, 40), "", "00000000", v4,
+             "sockDestroy succ, uid=10001 family=2, idiag_state=40, src=10.0.0.2:4660, "
+             "dst=10.0.0.2:80"},
+            {diag("fd00::2", "fd00::1", 0x1234, 6), "", "40000000",
+             "fd000000000000000000000000000002fd000000000000000000000000000001",
+             "sockDestroy succ, uid=10001 family=10, idiag_state=6, src=fd00::2:4660, "
+             "dst=fd00::2:80"},
+            {diag("::ffff:10.0.0.2", "::ffff:10.0.0.1", 0x1234, 1), "", "02000000",
+             "00000000000000000000ffff0a00000200000000000000000000ffff0a000001", "sockDestroy"},
+            {diag("::ffff:10.0.0.2", "::ffff:10.0.0.1", 0x1234, 9), errorMsg(-ENOENT, 56),
+             "00020000", "00000000000000000000ffff0a00000200000000000000000000ffff0a000001",
+             "sockDestroy err, uid=10001 family=10, idiag_state=9, src=::ffff:10.0.0.2:4660, "
+             "dst=::ffff:10.0.0.2:80"}};
     Kernel k;
+    EXPECT_TRUE(k.sd.open());  // already open: nothing to do
+    EXPECT_EQ(k.os.calls, Ids({"socket 0" + kDiagSocket, "socket 1" + kDiagSocket,
+                               "connect 0 " + kKernelAddr, "connect 1 " + kKernelAddr}));
     iovec iov[1];
-    ASSERT_EQ(k.sd.sendDumpRequest(IPPROTO_TCP, AF_INET, 0, SockDiag::kDestroyStates, iov, 1), 0);
-    inet_diag_msg odd = diag("10.0.0.2", "10.0.0.1", 0x1234, 40);
-    ASSERT_EQ(k.sd.sockDestroy(IPPROTO_TCP, &odd), 0);
-    std::string zeros(96, '0'), hex;
-    for (int fd : {k.dump[1], k.destroy[1]}) {
-        for (const std::string& m : drain(fd)) {
-            for (unsigned char c : m)
-                hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
-        }
+    for (uint8_t family : {AF_INET, AF_INET6}) {
+        ASSERT_EQ(k.sd.sendDumpRequest(IPPROTO_TCP, family, 0, SockDiag::kDestroyStates, iov, 1),
+                  0);
     }
-    EXPECT_EQ(hex, "48000000140001030000000000000000020600007e030000" + zeros +
-                           "48000000150001000000000000000000020600000000000012340050"
-                           "0a0000020000000000000000000000000a000001000000000000000000000000"
-                           "030000004433221188776655");
-    close(k.destroy[1]), k.destroy[1] = -1;
-    bDebug = true;  // a failed write is worth a line only then
-    EXPECT_EQ(k.sd.sockDestroy(IPPROTO_TCP, &odd), -EPIPE);
+    const std::string head = "48000000140001030000000000000000",
+                      tail = "0600007e030000" + std::string(96, '0');
+    EXPECT_EQ(k.os.sent("writev 0 "), Ids({head + "02" + tail, head + "0a" + tail}));
+    for (const auto& [m, reply, mask, addresses, line] : rows) {
+        LogCapture log;
+        if (!reply.empty()) k.os.reply(1, reply);
+        EXPECT_EQ(k.sd.sockDestroy(IPPROTO_TCP, &m), reply.empty() ? 0 : -ENOENT);
+        EXPECT_EQ(k.os.sent("write 1 ").back(),
+                  "48000000150001000000000000000000" + FakeSockets::hex(&m.idiag_family, 1) +
+                          "060000" + mask + "12340050" + addresses + "030000004433221188776655");
+        EXPECT_EQ(log.count(line), line == "sockDestroy" ? 0u : 1u) << line;
+    }
+    // A failed write is worth a line only in debug; a failed peek at the reply is an error.
+    k.os.failing["write"] = EPIPE;
+    for (bool debug : {false, true}) {
+        LogCapture log;
+        bDebug = debug;
+        EXPECT_EQ(k.sd.sockDestroy(IPPROTO_TCP, &std::get<0>(rows[0])), -EPIPE);
+        EXPECT_EQ(log.count("sockDestroy write err, uid=10001 family=2, idiag_state=40, "
+                            "src=10.0.0.2:4660, dst=10.0.0.2:80"),
+                  debug ? 1u : 0u);
+    }
     bDebug = false;
+    k.os.failing = {{"recv", EBADF}};
+    EXPECT_EQ(k.sd.sockDestroy(IPPROTO_TCP, &std::get<0>(rows[0])), -EBADF);
+    // A socket or connection that fails leaves nothing open.
+    for (const char* call : {"socket", "connect"}) {
+        k.sd.closeSockets();
+        k.os.calls.clear(), k.os.failing = {{call, EPROTONOSUPPORT}};
+        EXPECT_FALSE(k.sd.open());
+        EXPECT_EQ(k.os.sent("close ").size(), call == std::string("socket") ? 0u : 2u);
+        EXPECT_EQ(k.sd.getDumpSock() + k.sd.getDestroySock(), -2);
+    }
 }
