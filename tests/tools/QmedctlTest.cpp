@@ -50,7 +50,8 @@ TEST_F(Qmedctl, StatusShowsFrozenAndStoppedProcessesWithTheirNames) {
             [&] {
                 table = d.qmedctl({"status"});
                 json = d.qmedctl({"status", "--json"});
-                return has(table.out, "stopped  " + b) && has(json.out, "\"stopped\": [\n    {");
+                return has(table.out, "stopped  " + b) &&
+                       has(json.out, "\"pid\": " + b + ", \"name\": \"qmedStatusBusy\"");
             },
             20000))
             << table.out << json.out;

@@ -7,6 +7,7 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -455,6 +456,11 @@ int cmdDump(Client& client, int argc, char** argv) {
     for (int i = 0; i < argc; i++) args.add(String16(argv[i]));
     if (!client.connect()) return 1;
     // Into a file of our own rather than stdout: only so can we tell that nothing came back.
+    // When nobody reads our stdout any more, the daemon gets it as it is, broken.
+    struct pollfd out = {STDOUT_FILENO, 0, 0};
+    if (poll(&out, 1, 0) == 1 && (out.revents & POLLERR) != 0) {
+        return client.service()->dump(STDOUT_FILENO, args) == android::NO_ERROR ? 0 : 1;
+    }
     int fd = memfd_create("qmedctl-dump", MFD_CLOEXEC);
     if (fd < 0) return fail("dump: cannot make a buffer: %s", strerror(errno));
     status_t status = client.service()->dump(fd, args);
