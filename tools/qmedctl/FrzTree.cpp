@@ -1,21 +1,24 @@
 #include "FrzTree.h"
 
 #include <dirent.h>
-#include <stdlib.h>
+#include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
-#include <regex>
 
 bool FrzTree::mounted() const {
     return access((mRoot + "/cgroup.procs").c_str(), F_OK) == 0;
 }
 
 bool FrzTree::isDaemonGroup(const std::string& name) {
+    const char* rest = name.c_str();
+    int type = 0, used = 0;
     // "VP%d_" carries the value of the daemon's -t option.
-    static const std::regex kName("(VP-?[0-9]+_)?Group_[0-9]{10}");
-    return std::regex_match(name, kName);
+    if (sscanf(rest, "VP%d_%n", &type, &used) == 1 && used > 0) rest += used;
+    return strlen(rest) == 16 && strncmp(rest, "Group_", 6) == 0 &&
+           strspn(rest + 6, "0123456789") == 10;
 }
 
 std::vector<FrzTree::Group> FrzTree::groups() const {
