@@ -21,7 +21,10 @@ int BpQmedBinderListener::onKstateCallback(int len, unsigned char* data) {
     // A larger len could not be addressed on a 32-bit target and would not fit a transaction.
     if (len > INT_MAX / 4) return -1;
     Parcel request, reply;
-    request.writeInterfaceToken(IQmedBinderListener::getInterfaceDescriptor());
+    const String16& descriptor = IQmedBinderListener::getInterfaceDescriptor();
+    // Token words, descriptor, the two counts and the payload words in one allocation.
+    request.setDataCapacity(32 + 2 * descriptor.size() + static_cast<size_t>(len) * 4);
+    request.writeInterfaceToken(descriptor);
     request.writeInt32(len);
     request.writeInt32(len);
     request.write(data, static_cast<size_t>(len) * 4);

@@ -32,6 +32,8 @@ constexpr int kMaxType = 0x3FFFFFFF;
 constexpr int kKindBinderCall = 16;
 constexpr int kKindKilled = 8;
 constexpr size_t kPayloadTextOffset = 16;
+// A whole kernel-module message in the zero-padded layout the listeners are sent.
+constexpr size_t kLocalPayload = 2048 * 4 + kPayloadTextOffset + 4;
 constexpr size_t kReportTableMax = 20;
 constexpr long kReportIntervalSec = 15;
 
@@ -134,7 +136,8 @@ void IQmedBinderListenerService::handleMessage(int type, Message msg) {
 
     // The payload is copied into a zero-filled buffer four times its length: the proxy
     // sends len words, and the text at offset 16 is then always terminated, whatever the
-    // kernel sent.
+    // kernel sent. Payloads from the kernel module fit the stack buffer.
+    unsigned char local[kLocalPayload];
     unsigned char* payload = nullptr;
     int payloadLen = 0;
     bool limited = false;
@@ -144,17 +147,18 @@ void IQmedBinderListenerService::handleMessage(int type, Message msg) {
             return;
         }
         payloadLen = static_cast<int>(msg.arg2);
-        size_t size = static_cast<size_t>(payloadLen) * 4 + kPayloadTextOffset + 4;
-        payload = static_cast<unsigned char*>(calloc(1, size));
+        const size_t len = static_cast<size_t>(payloadLen);
+        const size_t size = len * 4 + kPayloadTextOffset + 4;
+        payload = size <= sizeof(local) ? local : static_cast<unsigned char*>(malloc(size));
         if (payload == nullptr) {
             ALOGE("kstate message dropped, no memory for %zu bytes", size);
             return;
         }
-        if (memcpy_s(payload, size, reinterpret_cast<const void*>(msg.arg1),
-                     static_cast<size_t>(payloadLen)) != EOK) {
-            free(payload);
+        if (memcpy_s(payload, size, reinterpret_cast<const void*>(msg.arg1), len) != EOK) {
+            if (payload != local) free(payload);
             return;
         }
+        memset_s(payload + len, size - len, 0, size - len);
         int kind;
         memcpy(&kind, payload, sizeof(kind));
         if (kind == kKindBinderCall && mSpear != nullptr) {
@@ -200,7 +204,7 @@ void IQmedBinderListenerService::handleMessage(int type, Message msg) {
             if (bDebug) ALOGD("nothing");
             break;
     }
-    free(payload);
+    if (payload != local) free(payload);
 }
 
 // Called with mLock held; payload holds len * 4 + 20 bytes, zero beyond len.

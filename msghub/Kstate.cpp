@@ -68,10 +68,13 @@ int Kstate::processClientData(const char* buf, unsigned len) {
         ALOGE("Kernel state message shorter than its header says (%u of %u bytes)", copied,
               claimed);
     }
-    // The listener proxy sends len 32-bit words from the payload, and the
-    // registry reads the event kind and a NUL-terminated text from offset 16:
-    // the copy is zero-filled to cover all of that.
-    std::vector<char> payload(static_cast<size_t>(kMaxPayload) * 4 + 1, 0);
+    // The registry reads exactly the claimed length: a whole payload is passed where it lies,
+    // a short one in a zero-filled copy, the missing bytes reading as zero.
+    if (copied == claimed && claimed > 0) {
+        putMessageToBinder(buf + sizeof(header), claimed);
+        return 0;
+    }
+    std::vector<char> payload(claimed, 0);
     if (copied > 0) {
         memcpy_s(payload.data(), payload.size(), buf + sizeof(header), copied);
     }

@@ -48,7 +48,8 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
         ++mCount;
         mLastSeq = seq;
         mLastLatencyNs = sent > 0 ? arrival - sent : -1;
-        mCond.notify_all();
+        // Waking the waiter only when it is done keeps it off the CPU the callbacks need.
+        if (seq == mWantSeq || mCount == mWantCount) mCond.notify_all();
         return 0;
     }
     // The wire side of the callback: count, then count words of payload.
@@ -58,10 +59,10 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
         int count = data.readInt32();
         int words = data.readInt32();
         if (words < 0 || static_cast<size_t>(words) > data.dataAvail() / 4) return BAD_VALUE;
-        std::vector<int32_t> values(static_cast<size_t>(words));
-        for (int i = 0; i < words; i++) values[i] = data.readInt32();
+        const void* values = data.readInplace(static_cast<size_t>(words) * 4);
         int len = count < words * 4 ? count : words * 4;
-        reply->writeInt32(onKstateCallback(len, reinterpret_cast<unsigned char*>(values.data())));
+        reply->writeInt32(onKstateCallback(
+                len, const_cast<unsigned char*>(static_cast<const unsigned char*>(values))));
         return NO_ERROR;
     }
     int onNetworkPacketCallback(int, const int*) override { return 0; }
@@ -70,10 +71,12 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
 
     bool waitSeq(long seq) {
         std::unique_lock<std::mutex> lock(mLock);
+        mWantSeq = seq;
         return mCond.wait_for(lock, std::chrono::seconds(5), [&] { return mLastSeq == seq; });
     }
     bool waitCount(long count, int seconds) {
         std::unique_lock<std::mutex> lock(mLock);
+        mWantCount = count;
         return mCond.wait_for(lock, std::chrono::seconds(seconds), [&] { return mCount >= count; });
     }
     int64_t lastLatencyNs() {
@@ -90,6 +93,8 @@ class CountingListener : public BnInterface<IQmedBinderListener> {
     std::condition_variable mCond;
     long mCount = 0;
     long mLastSeq = -1;
+    long mWantSeq = -1;
+    long mWantCount = -1;
     int64_t mLastLatencyNs = -1;
 };
 

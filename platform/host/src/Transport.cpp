@@ -30,6 +30,9 @@ namespace hostbinder {
 namespace {
 
 constexpr int kRestTimeoutMs = 1000;
+// A looper that has served a connection waits this long on it for the caller's next message
+// before handing it back to the shared set; a busy caller comes back far sooner.
+constexpr int kParkTimeoutMs = 20;
 constexpr size_t kMaxIdlePerEndpoint = 16;
 constexpr size_t kMaxTail = size_t(kMaxObjects) * (sizeof(WireObject) + kMaxEndpointName + 1);
 
@@ -45,28 +48,44 @@ inline size_t pad4(size_t n) {
     return (n + 3) & ~size_t(3);
 }
 
-// Reads exactly len bytes, collecting passed descriptors. Only the first read may block
-// indefinitely: a peer that stalls or vanishes mid-message fails the message.
-status_t readFully(int fd, void* buf, size_t len, std::vector<int>* fds, bool firstMayBlock) {
-    size_t got = 0;
+// Reads into iov until at least min bytes arrived, collecting passed descriptors; *got tells
+// how many (at most the iov's total). With firstWaits the first read waits as the socket does:
+// for ever, or up to its receive timeout (WOULD_BLOCK when nothing came). The rest of a message
+// must follow within a second, or the message fails.
+status_t readAtLeast(int fd, struct iovec* iov, int iovcnt, size_t min, size_t* got,
+                     std::vector<int>* fds, bool firstWaits) {
     alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFds)];
-    while (got < len) {
-        if (got > 0 || !firstMayBlock) {
-            struct pollfd pfd = {fd, POLLIN, 0};
-            int r = poll(&pfd, 1, kRestTimeoutMs);
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) return TIMED_OUT;
+    *got = 0;
+    while (*got < min) {
+        struct iovec cur[2];
+        int n = 0;
+        size_t skip = *got;
+        for (int i = 0; i < iovcnt && n < 2; i++) {
+            if (skip >= iov[i].iov_len) {
+                skip -= iov[i].iov_len;
+                continue;
+            }
+            cur[n].iov_base = static_cast<char*>(iov[i].iov_base) + skip;
+            cur[n].iov_len = iov[i].iov_len - skip;
+            skip = 0;
+            n++;
         }
-        struct iovec iov = {static_cast<char*>(buf) + got, len - got};
         struct msghdr msg = {};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
+        msg.msg_iov = cur;
+        msg.msg_iovlen = size_t(n);
         msg.msg_control = control;
         msg.msg_controllen = sizeof(control);
-        ssize_t n = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
-        if (n < 0) {
+        const bool wait = firstWaits && *got == 0;
+        const ssize_t r = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | (wait ? 0 : MSG_DONTWAIT));
+        if (r < 0) {
             if (errno == EINTR) continue;
-            return got == 0 ? DEAD_OBJECT : -errno;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) return *got == 0 ? DEAD_OBJECT : -errno;
+            if (wait) return WOULD_BLOCK;
+            struct pollfd pfd = {fd, POLLIN, 0};
+            const int p = poll(&pfd, 1, kRestTimeoutMs);
+            if (p < 0 && errno == EINTR) continue;
+            if (p <= 0) return TIMED_OUT;
+            continue;
         }
         for (struct cmsghdr* c = CMSG_FIRSTHDR(&msg); c != nullptr; c = CMSG_NXTHDR(&msg, c)) {
             if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_RIGHTS) {
@@ -80,8 +99,8 @@ status_t readFully(int fd, void* buf, size_t len, std::vector<int>* fds, bool fi
             }
         }
         if (msg.msg_flags & MSG_CTRUNC) return BAD_VALUE;
-        if (n == 0) return got == 0 ? DEAD_OBJECT : NOT_ENOUGH_DATA;
-        got += size_t(n);
+        if (r == 0) return *got == 0 ? DEAD_OBJECT : NOT_ENOUGH_DATA;
+        *got += size_t(r);
         if (fds->size() > kMaxFds) return BAD_VALUE;
     }
     return NO_ERROR;
@@ -159,9 +178,24 @@ status_t sendMessage(int fd, const WireHeader& hdr, const void* data, const std:
     return NO_ERROR;
 }
 
-status_t recvMessage(int fd, Message* m) {
-    status_t err = readFully(fd, &m->hdr, sizeof(m->hdr), &m->fds, true);
-    if (err != NO_ERROR) return err;
+ReadAhead::~ReadAhead() {
+    for (int fd : fds) close(fd);
+}
+
+status_t recvMessage(int fd, Message* m, ReadAhead* ahead) {
+    ReadAhead last;
+    ReadAhead* a = ahead != nullptr ? ahead : &last;
+    if (a->have < sizeof(m->hdr)) {
+        // A small message comes whole with its header, and what follows it waits in `a`.
+        const bool fresh = a->have == 0;
+        struct iovec iov = {a->bytes + a->have, sizeof(a->bytes) - a->have};
+        size_t got = 0;
+        const status_t err =
+                readAtLeast(fd, &iov, 1, sizeof(m->hdr) - a->have, &got, &a->fds, fresh);
+        a->have += got;
+        if (err != NO_ERROR) return !fresh && err == DEAD_OBJECT ? NOT_ENOUGH_DATA : err;
+    }
+    memcpy(&m->hdr, a->bytes, sizeof(m->hdr));
     m->headerRead = true;
     const WireHeader& h = m->hdr;
     if (h.magic != kWireMagic || h.kind < WIRE_TRANSACTION || h.kind > WIRE_LOOKUP_REPLY) {
@@ -174,18 +208,35 @@ status_t recvMessage(int fd, Message* m) {
               h.objCount, h.fdCount, h.tailSize);
         return BAD_VALUE;
     }
+    const size_t body = size_t(h.dataSize) + h.tailSize;
+    const size_t early = std::min(a->have - sizeof(m->hdr), body);
+    const size_t earlyData = std::min(early, size_t(h.dataSize));
+    const size_t earlyTail = early - earlyData;
     m->data.resize(h.dataSize);
     m->tail.resize(h.tailSize);
-    if (h.dataSize > 0) {
-        err = readFully(fd, m->data.data(), h.dataSize, &m->fds, false);
+    const uint8_t* const from = a->bytes + sizeof(m->hdr);
+    if (earlyData > 0) memcpy(m->data.data(), from, earlyData);
+    if (earlyTail > 0) memcpy(m->tail.data(), from + earlyData, earlyTail);
+    a->have -= sizeof(m->hdr) + early;
+    memmove(a->bytes, from + early, a->have);
+    if (early < body) {
+        // The rest of a large message is read in place, never past its end.
+        struct iovec rest[2] = {{m->data.data() + earlyData, h.dataSize - earlyData},
+                                {m->tail.data() + earlyTail, h.tailSize - earlyTail}};
+        size_t got = 0;
+        const status_t err = readAtLeast(fd, rest, 2, body - early, &got, &a->fds, false);
         if (err != NO_ERROR) return err == DEAD_OBJECT ? NOT_ENOUGH_DATA : err;
     }
-    if (h.tailSize > 0) {
-        err = readFully(fd, m->tail.data(), h.tailSize, &m->fds, false);
-        if (err != NO_ERROR) return err == DEAD_OBJECT ? NOT_ENOUGH_DATA : err;
+    // Descriptors come with the first bytes of their message, so in message order; any left
+    // with no message begun after this one came with none.
+    if (a->fds.size() < h.fdCount || (a->have == 0 && a->fds.size() > h.fdCount)) {
+        ALOGE("message announced %u fds but carried %zu", h.fdCount, a->fds.size());
+        return BAD_VALUE;
     }
-    if (m->fds.size() != h.fdCount) {
-        ALOGE("message announced %u fds but carried %zu", h.fdCount, m->fds.size());
+    m->fds.assign(a->fds.begin(), a->fds.begin() + h.fdCount);
+    a->fds.erase(a->fds.begin(), a->fds.begin() + h.fdCount);
+    if (ahead == nullptr && last.have > 0) {
+        ALOGE("message followed by %zu stray bytes", last.have);
         return BAD_VALUE;
     }
     return NO_ERROR;
@@ -339,6 +390,7 @@ Transport::Transport()
       mMaxThreads(15),
       mSpawnAllowed(false),
       mIdleThreads(0),
+      mParked(0),
       mSpawned(0) {}
 
 std::string Transport::nsPrefix() {
@@ -384,7 +436,7 @@ std::string Transport::endpointLocked() {
             return std::string();
         }
         mEndpoint = name;
-        addSource(new Source{Source::LISTENER, fd, 0, 0, 0});
+        addSource(new Source(Source::LISTENER, fd, 0));
         if (mSpawned.load() == 0) spawnLooper();
         return mEndpoint;
     }
@@ -482,8 +534,10 @@ void Transport::handleListener(Source* s) {
             }
             break;
         }
-        Source* c = new Source{Source::CONNECTION, fd, s->serviceId, 0, 0};
-        if (!peerCredentials(fd, &c->pid, &c->uid)) {
+        Source* c = new Source(Source::CONNECTION, fd, s->serviceId);
+        const struct timeval park = {0, kParkTimeoutMs * 1000};
+        if (!peerCredentials(fd, &c->pid, &c->uid) ||
+            setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &park, sizeof(park)) != 0) {
             close(fd);
             delete c;
             continue;
@@ -526,25 +580,43 @@ bool Transport::sendReply(int fd, status_t status, const Parcel* reply) {
 }
 
 void Transport::handleConnection(Source* s) {
-    Message m;
-    status_t err = recvMessage(s->fd, &m);
-    if (err != NO_ERROR) {
-        if (err != DEAD_OBJECT) {
-            ALOGW("dropping connection from pid %d: malformed or incomplete message (%d)",
-                  int(s->pid), err);
-            if (m.headerRead && m.hdr.kind == WIRE_TRANSACTION &&
-                (m.hdr.flags & IBinder::FLAG_ONEWAY) == 0) {
-                sendReply(s->fd, BAD_VALUE, nullptr);
+    // The thread stays with the connection for the caller's next message while another looper
+    // watches the shared set and a couple of threads are left for it.
+    bool parked = false;
+    bool keep = true;
+    for (;;) {
+        Message m;
+        const status_t err = recvMessage(s->fd, &m, &s->ahead);
+        if (err == WOULD_BLOCK) break;
+        if (err != NO_ERROR) {
+            if (err != DEAD_OBJECT) {
+                ALOGW("dropping connection from pid %d: malformed or incomplete message (%d)",
+                      int(s->pid), err);
+                if (m.headerRead && m.hdr.kind == WIRE_TRANSACTION &&
+                    (m.hdr.flags & IBinder::FLAG_ONEWAY) == 0) {
+                    sendReply(s->fd, BAD_VALUE, nullptr);
+                }
             }
+            keep = false;
+            break;
         }
-        dropSource(s);
-        return;
+        if (!dispatch(s, &m)) {
+            keep = false;
+            break;
+        }
+        const bool stay =
+                mIdleThreads.load() > 0 && size_t(mParked.load()) + 2 < mMaxThreads.load();
+        if (stay != parked) mParked.fetch_add(stay ? 1 : -1);
+        parked = stay;
+        // Bytes already read belong to this thread: the shared set does not see them.
+        if (!parked && s->ahead.have == 0) break;
     }
-    if (!dispatch(s, &m)) {
+    if (parked) mParked.fetch_sub(1);
+    if (keep) {
+        rearm(s);
+    } else {
         dropSource(s);
-        return;
     }
-    rearm(s);
 }
 
 sp<IBinder> Transport::findExport(uint64_t id) {
@@ -779,7 +851,7 @@ status_t Transport::addService(const std::string& name, const sp<IBinder>& binde
         ALOGE("cannot add service %s: %s", name.c_str(), strerror(-fd));
         return fd == -EADDRINUSE ? ALREADY_EXISTS : status_t(fd);
     }
-    Source* s = new Source{Source::SERVICE_LISTENER, fd, id, 0, 0};
+    Source* s = new Source(Source::SERVICE_LISTENER, fd, id);
     mServices[name] = s;
     addSource(s);
     return NO_ERROR;

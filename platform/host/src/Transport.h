@@ -4,7 +4,9 @@
 // adds listens on "<ns>/svc/<name>" (ns from BINDER_HOST_NS). Clients keep a pool of idle
 // connections per peer endpoint, so a call costs one write and one read. Incoming messages
 // are served by looper threads sharing one epoll set; a connection is armed one-shot so only
-// one thread reads it at a time. Death of a peer is seen by a watcher thread as EOF on a
+// one thread reads it at a time, and the thread that served it waits on it a moment for the
+// next message while other loopers watch the set, so a busy caller costs the server one read
+// and one write per call as well. Death of a peer is seen by a watcher thread as EOF on a
 // connection kept open to it (and, where the kernel allows, a pidfd).
 // Thread-safe. A forked child starts with a fresh, empty transport.
 #pragma once
@@ -41,8 +43,22 @@ struct Message {
 
 status_t sendMessage(int fd, const WireHeader& hdr, const void* data, const std::string& tail,
                      const std::vector<int>& fds);
-// Blocks for the first byte; the rest must follow within a second.
-status_t recvMessage(int fd, Message* m);
+// What a connection's reader got past the end of the last message: the start of the next
+// ones, with the descriptors that came with them.
+struct ReadAhead {
+    uint8_t bytes[1024];
+    size_t have = 0;
+    std::vector<int> fds;
+    ReadAhead() = default;
+    ReadAhead(const ReadAhead&) = delete;
+    ReadAhead& operator=(const ReadAhead&) = delete;
+    ~ReadAhead();
+};
+
+// Reads one message, the rest of the connection's read-ahead first. Without `ahead` the message
+// must be the last thing on fd, as a reply is. The first byte is waited for as the socket does
+// (WOULD_BLOCK when its receive timeout passes first); the rest must follow within a second.
+status_t recvMessage(int fd, Message* m, ReadAhead* ahead = nullptr);
 int connectAbstract(const std::string& name);
 bool peerCredentials(int fd, pid_t* pid, uid_t* uid);
 
@@ -91,11 +107,14 @@ class Transport {
     Transport();
 
     struct Source {
-        enum Kind { LISTENER, SERVICE_LISTENER, CONNECTION } kind;
-        int fd;
+        enum Kind { LISTENER, SERVICE_LISTENER, CONNECTION };
+        Source(Kind k, int f, uint64_t service) : kind(k), fd(f), serviceId(service) {}
+        const Kind kind;
+        const int fd;
         uint64_t serviceId;
-        pid_t pid;
-        uid_t uid;
+        pid_t pid = 0;
+        uid_t uid = 0;
+        ReadAhead ahead;
     };
 
     std::string endpointLocked();
@@ -143,6 +162,7 @@ class Transport {
     std::atomic<size_t> mMaxThreads;
     std::atomic<bool> mSpawnAllowed;
     std::atomic<int> mIdleThreads;
+    std::atomic<int> mParked;  // loopers waiting on one connection, not on the shared set
     std::atomic<int> mSpawned;
     std::mutex mSpawnLock;
 };
