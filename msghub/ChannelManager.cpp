@@ -164,13 +164,13 @@ int ChannelManager::waitForMessage() {
 }
 
 int ChannelManager::selectChannel() {
-    if (mChannels.empty()) {
+    if (hubChannels().empty()) {
         ALOGE("Nothing to select, ignored\n");
         return -1;
     }
     FD_ZERO(&mReadFds);
     int maxFd = 0;
-    for (auto it = mChannels.begin(); it != mChannels.end(); ++it) {
+    for (auto it = hubChannels().begin(); it != hubChannels().end(); ++it) {
         int fd = (*it)->mFd;
         // FD_SET past the 1024-bit set would write outside it.
         if (fd < 0 || fd >= FD_SETSIZE) {
@@ -188,13 +188,13 @@ int ChannelManager::selectChannel() {
 }
 
 void ChannelManager::checkChannel() {
-    if (mChannels.empty()) {
+    if (hubChannels().empty()) {
         ALOGE("Nothing to check, ignored");
         return;
     }
     char buffer[kRecvBufferSize];
-    auto it = mChannels.begin();
-    while (it != mChannels.end()) {
+    auto it = hubChannels().begin();
+    while (it != hubChannels().end()) {
         Channel* channel = *it;
         if (channel->mFd < 0 || channel->mFd >= FD_SETSIZE || !FD_ISSET(channel->mFd, &mReadFds)) {
             ++it;

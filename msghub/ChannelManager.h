@@ -30,9 +30,8 @@ class ChannelManager : public android::Thread {
     int validateChannel(Channel* channel);
     Channel* getChannelById(int id);
 
-    // Hub thread only: the one writer of mChannels reads it without the lock.
-    int selectChannel() NO_THREAD_SAFETY_ANALYSIS;
-    void checkChannel() NO_THREAD_SAFETY_ANALYSIS;
+    int selectChannel();
+    void checkChannel();
     int forwardMessage(Channel* channel, const char* buf, unsigned len);
     int waitForMessage();
 
@@ -43,8 +42,10 @@ class ChannelManager : public android::Thread {
     android::status_t readyToRun() override;
     bool threadLoop() override;
     bool isListed(Channel* channel);
+    // Hub thread only: the one writer of mChannels reads it without the lock.
+    android::List<Channel*>& hubChannels() NO_THREAD_SAFETY_ANALYSIS { return mChannels; }
 
-    // Written only on the hub thread, under mLock; the hub thread reads it without.
+    // Written only on the hub thread, under mLock.
     android::List<Channel*> mChannels GUARDED_BY(mLock);
     fd_set mReadFds;
     android::Mutex mLock;
