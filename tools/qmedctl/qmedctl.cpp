@@ -193,7 +193,7 @@ class Client {
     Parcel mReply;
 };
 
-// Prints the int result; -1 means the daemon refused or failed.
+// Prints the int result; a negative one means the daemon refused or failed.
 int finishInt(Client& client, const char* what) {
     int32_t result = client.reply().readInt32();
     if (result < 0) return fail("%s failed (result %d)", what, result);
@@ -570,7 +570,7 @@ int run(int argc, char** argv) {
     } else if (cmd == "watchdog") {
         if (!needArgs(3, 4, "watchdog TYPE DURATION HOLDTIME [EXTEND]")) return 2;
         long long duration, hold;
-        if (!num(args[0], &a) || !parseInt(args[1], INT64_MIN, INT64_MAX, &duration) ||
+        if (!parseInt32(args[0], &a) || !parseInt(args[1], INT64_MIN, INT64_MAX, &duration) ||
             !parseInt(args[2], INT64_MIN, INT64_MAX, &hold)) {
             return usage("watchdog: TYPE, DURATION and HOLDTIME are numbers");
         }
@@ -631,9 +631,11 @@ int run(int argc, char** argv) {
                 rest.push_back(args[i]);
             }
         }
-        if (rest.size() < 2 || rest.size() > 3 || !num(rest[0], &a) || !num(rest[1], &b) ||
-            (rest.size() == 3 && !num(rest[2], &c))) {
+        if (rest.size() < 2 || rest.size() > 3) {
             return usage("usage: qmedctl spear PID RATE [TYPE] [--children]");
+        }
+        if (!num(rest[0], &a) || !num(rest[1], &b) || (rest.size() == 3 && !num(rest[2], &c))) {
+            return 2;
         }
         Parcel& data = client.request();
         data.writeInt32(a);
