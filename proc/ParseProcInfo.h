@@ -1,7 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
 #include <utils/RefBase.h>
-#include <utils/String8.h>
+
+#include "proc/ProcReader.h"
 
 // Answers CPU-time, command-line and pid-by-name queries from the proc file system.
 //
@@ -11,7 +13,7 @@
 // is made during start-up, before the binder pool runs.
 class ParseProcInfo : public android::RefBase {
   public:
-    static constexpr const char* kProcRoot = "/proc";
+    static constexpr const char* kProcRoot = ProcReader::kProcRoot;
     // Capacity of the caller's getProcCpuTime buffer; the text never grows past it.
     static constexpr size_t kCpuTimeBufferSize = 102400;
     // Directory entries a full walk looks at before giving up.
@@ -21,6 +23,7 @@ class ParseProcInfo : public android::RefBase {
 
     // `procRoot` exists so tests can feed a canned tree.
     explicit ParseProcInfo(const char* procRoot = kProcRoot);
+    explicit ParseProcInfo(const ProcReader& proc);
     ~ParseProcInfo() override;
 
     // Appends records "uid\tcputime\tname" separated by tabs to `out`, which holds
@@ -43,10 +46,10 @@ class ParseProcInfo : public android::RefBase {
     virtual bool matchNameAndUidByPid(const char* name, int uid, int pid);
 
   private:
-    // Reads the stat node of pid into buf (NUL-terminated); false after logging.
-    bool readStatLine(int pid, char* buf, size_t size);
-    // Splits a stat line: returns the name and leaves *cursor after it (null if malformed).
-    char* splitName(char* statLine, char** cursor);
+    // psLine with the length of the text known: a scan appends without measuring it again.
+    int appendRecord(int pid, char* out, size_t* used, int type, const int* ids, int num);
+    // Whether a read of node succeeded; logs "<open|read> failed, <what>: <path>" if not.
+    bool logged(ssize_t result, int pid, const char* node, const char* what);
 
-    android::String8 mRoot;
+    ProcReader mProc;
 };

@@ -35,11 +35,8 @@ int runPs() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    int children = argc > 1 ? atoi(argv[1]) : 1000;
-    int rounds = argc > 2 ? atoi(argv[2]) : 20;
+// One size: `children` sleeping children, then `rounds` scans interleaved with ps runs.
+void runSize(int children, int rounds) {
     std::vector<pid_t> pids;
     for (int i = 0; i < children; i++) {
         pid_t pid = fork();
@@ -48,7 +45,7 @@ int main(int argc, char** argv) {
             char name[32];
             snprintf(name, sizeof(name), "qmbench%d", i);
             prctl(PR_SET_NAME, name);
-            // A little work so that most children carry a non-zero CPU time.
+            // A little work so that some children carry a non-zero CPU time.
             volatile unsigned long x = 0;
             for (unsigned long k = 0; k < 200000; k++) x = x + k;
             for (;;) pause();
@@ -63,10 +60,6 @@ int main(int argc, char** argv) {
 
     android::sp<ParseProcInfo> parser = ParseProcInfo::getInstance();
     char* buf = static_cast<char*>(malloc(ParseProcInfo::kCpuTimeBufferSize));
-    if (runPs() != 0) {
-        fprintf(stderr, "ps is not available\n");
-        return 1;
-    }
     size_t textLen = 0;
     double scanMs = 0, psMs = 0;
     // Interleaved so that load from other users of the machine hits both alike.
@@ -91,8 +84,29 @@ int main(int argc, char** argv) {
 
     printf("proc scan: %zu live children, %d rounds, %zu records, %zu bytes of text\n", pids.size(),
            rounds, records, textLen);
-    printf("  getProcCpuTime(type 0): %8.3f ms per scan\n", scanMs / rounds);
+    printf("  getProcCpuTime(type 0): %8.3f ms per scan, %.2f us per child\n", scanMs / rounds,
+           1000 * scanMs / rounds / (pids.empty() ? 1 : pids.size()));
     printf("  ps -e -o uid=,time=,comm=: %8.3f ms per run\n", psMs / rounds);
-    printf("  ratio ps/getProcCpuTime: %.2fx (target >= 2x)\n", psMs / scanMs);
+    printf("  ratio ps/getProcCpuTime: %.2fx (target >= 5x)\n", psMs / scanMs);
+}
+
+}  // namespace
+
+// Arguments: numbers of children, comma-separated (default 1000,4000, so the growth shows),
+// and rounds per number.
+int main(int argc, char** argv) {
+    const char* list = argc > 1 ? argv[1] : "1000,4000";
+    int rounds = argc > 2 ? atoi(argv[2]) : 20;
+    if (runPs() != 0) {
+        fprintf(stderr, "ps is not available\n");
+        return 1;
+    }
+    for (const char* p = list; *p != '\0';) {
+        char* end = nullptr;
+        long n = strtol(p, &end, 10);
+        if (end == p) break;
+        if (n > 0) runSize(static_cast<int>(n), rounds);
+        p = *end == ',' ? end + 1 : end;
+    }
     return 0;
 }
