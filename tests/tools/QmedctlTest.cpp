@@ -1,6 +1,7 @@
 // qmedctl against the real daemon under qmed-ns: what status shows, exit codes and warnings.
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -29,7 +30,8 @@ class Qmedctl : public ::testing::Test {
 TEST_F(Qmedctl, StatusShowsFrozenAndStoppedProcessesWithTheirNames) {
     ToolResult idle = d.qmedctl({"status"});
     EXPECT_TRUE(idle.exitCode == 0 && has(idle.out, "ykqmed, pid " + to_string(d.pid()) + "\n") &&
-                has(idle.out, "/dev/frz, 20 groups, none holding a process\n"))
+                has(idle.out, "/dev/frz, 20 groups, none holding a process\n") &&
+                (has(idle.out, "\nnothing held: ") || has(idle.out, "  stopped  ")))
             << idle.out << idle.err;
 
     const std::string odd = "a \"b\\c\x01";  // a blank, a quote, a backslash, a control byte
@@ -107,6 +109,16 @@ TEST_F(Qmedctl, ExitCodesFollowTheReplyAndWarningsGoToStderr) {
                 has(dump.out, "qmedctl listener pid " + to_string(listener.pid())))
             << dump.out << dump.err;
     EXPECT_EQ(1, d.qmedctl({"dump"}, 10050).exitCode);  // denied: no dump permission
+}
+
+// Runs last: it takes the freezer away from the whole namespace.
+TEST_F(Qmedctl, StatusWithoutAHierarchySaysWhereItLooked) {
+    ASSERT_EQ(0, umount2("/dev/frz", MNT_DETACH));
+    ToolResult r = d.qmedctl({"status"});
+    const std::string root = "/proc/" + to_string(d.pid()) + "/root/dev/frz";
+    EXPECT_TRUE(r.exitCode == 1 && has(r.out, "freezer: not found at /dev/frz " + root) &&
+                has(r.err, "no freezer hierarchy at /dev/frz nor at " + root))
+            << r.out << r.err;
 }
 
 }  // namespace
