@@ -15,6 +15,7 @@ native=(
   android-libutils-dev android-liblog-dev android-libcutils-dev
   libsafec-dev libgtest-dev libgmock-dev libbenchmark-dev
   iproute2 procps util-linux psmisc cpulimit aidl gcovr
+  blueprint-tools  # bpfmt: tests/device checks device/Android.bp with it
   jq groff-base  # qmedctl status --json is parsed, the man pages rendered, in tests
   # amd64 libbacktrace loads /usr/lib/p7zip/7z.so; the armhf copy for qemu is extracted
   # by scripts/armhf-qemu-prefix.sh, since both architectures cannot own that path.

@@ -10,7 +10,9 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
 #pragma GCC diagnostic pop
+#include <map>
 #include <set>
+#include <sstream>
 
 #include "daemon/IQmedBinderService.h"
 #include "tests/limiter/LimiterHarness.h"
@@ -54,27 +56,33 @@ TEST(Device, GeneratedInterfacesKeepTheWireCodes) {
               codes);
 }
 
-// Android.bp builds every engine source into the library and main into the daemon, and every
-// file it names exists (generated outputs, "out:", name files of the build).
-TEST(Device, BuildFileNamesEveryEngineSourceAndOnlyFilesThatExist) {
+// Android.bp compiles what the CMake build compiles into the daemon, module by module (the
+// build writes "module|dir|sources" lines), and every file it names exists.
+TEST(Device, BuildFileCompilesWhatTheBuildCompilesAndNamesOnlyFilesThatExist) {
     const std::string root = QMED_SOURCE_DIR "/",
                       bp = qmedtest::readFile(root + "device/Android.bp");
-    auto listed = [&](const std::string& tag) {
-        const size_t begin = bp.find("// " + tag + "-srcs-begin");
-        const auto names = matches(bp.substr(begin, bp.find("// " + tag + "-srcs-end") - begin),
-                                   R"re("([^"]+)")re");
-        return std::set<std::string>(names.begin(), names.end());
-    };
-    std::set<std::string> engine;
-    for (std::string dir :
-         {"daemon", "listener", "msghub", "freezer", "limiter", "proc", "sockdiag"}) {
-        for (const auto& e : std::filesystem::directory_iterator(root + dir)) {
-            const std::string f = dir + "/" + e.path().filename().string();
-            if (e.path().extension() == ".cpp" && f != "daemon/main.cpp") engine.insert(f);
+    std::map<std::string, std::set<std::string>> built, listed;
+    std::istringstream lines(qmedtest::readFile(QMED_DAEMON_SOURCES));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t a = line.find('|'), b = line.find('|', a + 1);
+        std::istringstream files(line.substr(b + 1));
+        for (std::string f; std::getline(files, f, ';');) {
+            const auto path = std::filesystem::path(line.substr(a + 1, b - a - 1)) / f;
+            if (path.extension() == ".cpp") {
+                built[line.substr(0, a)].insert(path.lexically_relative(root).string());
+            }
         }
     }
-    EXPECT_EQ(engine, listed("qmed"));
-    EXPECT_EQ(std::set<std::string>{"daemon/main.cpp"}, listed("ykqmed"));
+    ASSERT_EQ(3u, built.size());
+    // bpfmt's layout: a module's name first, its lists one level in.
+    const std::regex module(
+            R"re(\n\w+ \{\n    name: "([^"]+)",\n[^}]*?\n    srcs: \[([^\]]*)\])re");
+    for (std::sregex_iterator it(bp.begin(), bp.end(), module), end; it != end; ++it) {
+        for (const std::string& f : matches((*it)[2], R"re("([^"]+)")re")) {
+            if (built.count((*it)[1]) != 0) listed[(*it)[1]].insert(f);
+        }
+    }
+    EXPECT_EQ(built, listed);
     const std::string named =
             std::regex_replace(bp, std::regex(R"((//[^\n]*|\bout: \[[^\]]*\]))"), "");
     for (const std::string& f : matches(named, R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re")) {
