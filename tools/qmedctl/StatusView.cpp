@@ -150,10 +150,10 @@ std::string StatusView::json() const {
     out += format(", \"groups\": %zu, \"looked\": [", mGroups);
     for (size_t i = 0; i < mLooked.size(); i++) out += (i ? ", " : "") + jsonString(mLooked[i]);
     out += "]}";
-    const char* keys[] = {"held", "stopped"};
-    int k = 0;
-    for (const std::vector<Row>* rows : {&mHeld, &mStopped}) {
-        out += format(",\n  \"%s\": [", keys[k++]);
+    const std::pair<const char*, const std::vector<Row>*> lists[] = {{"held", &mHeld},
+                                                                     {"stopped", &mStopped}};
+    for (const auto& [key, rows] : lists) {
+        out += format(",\n  \"%s\": [", key);
         for (size_t i = 0; i < rows->size(); i++) {
             const Row& r = (*rows)[i];
             out += i ? ",\n    {" : "\n    {";
