@@ -42,34 +42,18 @@ TEST(HubDaemon, ModuleBytesAndListenerDeliveryThroughHostileTraffic) {
         ASSERT_TRUE(ctl.ok("event kind 77 " + marker));
         for (int i = 0; i < 2; i++) ASSERT_TRUE(l[i]->waitForLine(marker + "\"")) << marker;
     };
-    // Go nowhere: dst 0, an unknown one, the module's own, not an event, TLV len past the
-    // receive buffer or negative.
-    for (std::string cmd : {"send 4 4 0 ", "send 4 4 5 ", "send 4 4 4 ", "send 5 4 8 ",
-                            "send-tlv 4 4 8 2033 ", "send-tlv 4 4 8 -1 "}) {
-        ASSERT_TRUE(ctl.ok(cmd + hexOf(eventPayload(99, "nowhere")))) << cmd;
-    }
     // A text without NUL, an unparsable binder call, an identification naming nothing.
     for (const char* cmd : {"send 4 4 8 1000000000000000000000000000000041414141",
                             "event kind 16 [TPID garbage", "send 1 0 8"}) {
         ASSERT_TRUE(ctl.ok(cmd)) << cmd;
     }
-    // {what the module sends, the line a listener gets}
-    const std::pair<std::string, std::string> rows[] = {
-            {"send-tlv 4 4 8 2032 " + hexOf(eventPayload(99, "at2032")),
-             "len=2032 kind=99 text=\"at2032\""},
-            {"raw " + hexOf(netlinkMessage(0, tlvMessage(4, 4, 8, 100, eventPayload(99, "cut")),
-                                           1000)),
-             "len=100 kind=99 text=\"cut\""},  // nlmsg_len beyond what came
-    };
-    for (const auto& row : rows) ASSERT_TRUE(ctl.ok(row.first)) << row.first;
     // Once per target within 15 s; 19 targets are kept, the twentieth empties the table.
     auto fromSs = [&](int t) {
         return ctl.ok("event binder-call " + std::to_string(t) + " " + ss);
     };
     for (int i = 0; i < 21; ++i) ASSERT_TRUE(fromSs(i < 2 || i == 20 ? 4242 : 9000 + i));
     sync("marker-1");
-    for (const auto& [cmd, text] : rows) EXPECT_EQ(1u, l[0]->countLines(text)) << text;
-    EXPECT_EQ(0u, l[0]->countLines("nowhere") + l[2]->countLines("kstate"));
+    EXPECT_EQ(0u, l[2]->countLines("kstate"));
     EXPECT_EQ(1u, l[1]->countLines(ssLine));
     ASSERT_TRUE(fromSs(9020) && fromSs(4242));
     // The death notice sets the mask to 0 at the module; the others keep working.
@@ -80,12 +64,6 @@ TEST(HubDaemon, ModuleBytesAndListenerDeliveryThroughHostileTraffic) {
     sync("marker-2");
     EXPECT_EQ(2u, l[1]->countLines(ssLine));
     EXPECT_EQ(1000u, l[1]->countLines("text=\"flood\""));
-    // An answer naming the channel after the hub itself (id 1): from then on nothing it
-    // sends is routed, and nothing can be sent to the module.
-    ASSERT_TRUE(ctl.ok("send 1 1 0"));
-    ASSERT_TRUE(waitUntil([&] { return run({"mask", "1"}) != 0; }, 5000));
-    ASSERT_TRUE(ctl.ok("event kind 99 unrouted"));
-    EXPECT_FALSE(l[0]->waitForLine("unrouted", 300));
     EXPECT_TRUE(daemon.running());
 }
 

@@ -56,7 +56,6 @@ int error(int fd) {
 class ProcSockets : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        runCommand({"ip", "addr", "add", "10.0.0.127/24", "dev", "qa"});  // for the mapped rule
         DaemonOptions opts;
         opts.simulator = true;  // without a kernel module the hub ends the daemon
         sDaemon = new Daemon(opts);
@@ -144,12 +143,11 @@ TEST_F(ProcSockets, QueriesOverRealChildren) {
 TEST_F(ProcSockets, DestroyByUidClosesTheUidsSocketsButKeepsLoopbackListenAndFailsOver) {
     if (getenv("QMED_EMULATOR") != nullptr) GTEST_SKIP() << "qemu-user lacks NETLINK_INET_DIAG";
     constexpr uid_t kUid = 54321;
+    // One of each kind against the kernel; every loopback rule is in the in-process test.
     // clang-format off
     const std::tuple<uid_t, const char*, const char*, bool> rows[] = {  // destroyed?
         {kUid, "10.0.0.2", "10.0.0.1", true}, {kUid, "fd00::2", "fd00::1", true},
-        {kUid, "::ffff:10.0.0.2", "::ffff:10.0.0.1", true}, {kUid, "127.0.0.1", "127.0.0.1", false},
-        {kUid, "10.0.0.1", "10.0.0.1", false}, {kUid + 1, "10.0.0.2", "10.0.0.1", false},
-        {kUid, "::1", "::1", false}, {kUid, "::ffff:10.0.0.127", "::ffff:10.0.0.1", false}};
+        {kUid, "127.0.0.1", "127.0.0.1", false}, {kUid + 1, "10.0.0.2", "10.0.0.1", false}};
     // clang-format on
     std::vector<std::unique_ptr<Conn>> conns;
     for (const auto& [uid, src, dst, gone] : rows) {
@@ -162,7 +160,7 @@ TEST_F(ProcSockets, DestroyByUidClosesTheUidsSocketsButKeepsLoopbackListenAndFai
         EXPECT_EQ(error(conns[i]->client), std::get<3>(rows[i]) ? ECONNABORTED : EAGAIN) << i;
     }
     EXPECT_EQ(error(listening.listener), ENOTCONN);
-    EXPECT_TRUE(sDaemon->waitForLog("Destroyed 3 sockets for uid:54321 in "));
+    EXPECT_TRUE(sDaemon->waitForLog("Destroyed 2 sockets for uid:54321 in "));
     // One pair of sock_diag sockets serves every call until one fails; the next call opens anew.
     EXPECT_EQ(diagSockets(), 2);
     EXPECT_EQ(destroy(0, 0), -1);  // root's are never destroyed
@@ -170,6 +168,6 @@ TEST_F(ProcSockets, DestroyByUidClosesTheUidsSocketsButKeepsLoopbackListenAndFai
     EXPECT_EQ(destroy(kUid + 1, 0), -1);
     EXPECT_EQ(diagSockets(), 0);
     EXPECT_EQ(destroy(kUid + 1, -4), 0);  // a pid below 1 means by uid
-    EXPECT_EQ(error(conns[5]->client), ECONNABORTED);
+    EXPECT_EQ(error(conns[3]->client), ECONNABORTED);
     EXPECT_EQ(diagSockets(), 2);
 }
