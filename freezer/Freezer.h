@@ -6,11 +6,18 @@
 #include <utils/Mutex.h>
 #include <utils/RefBase.h>
 #include <utils/String8.h>
+#include <utils/TypeHelpers.h>
 
 #include "freezer/CGroup.h"
 #include "freezer/GroupPool.h"
 
 class Kstate;
+
+namespace android {
+// A strong pointer is one raw pointer, so moving its bytes moves it: the pid map then shifts
+// with memmove instead of a reference-count round trip per element.
+ANDROID_TRIVIAL_MOVE_TRAIT(sp<CGroup>)
+}  // namespace android
 
 // The last binder call recorded into a pid.
 struct BinderCallInfo {
@@ -92,4 +99,5 @@ class Freezer : public android::RefBase {
     android::Mutex mStateLock;
     android::String8 mRoot;
     Clock mClock;
+    int mSelfPid;  // the daemon never forks, so one read serves every freeze
 };

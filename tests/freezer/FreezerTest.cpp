@@ -138,6 +138,9 @@ TEST_F(FreezerTest, PoolNamesGrowthAndReuse) {
     EXPECT_FALSE(g->setCGroup(String8("freezer.state"), String8("")));
     EXPECT_FALSE(g->setCGroup(String8("no.such"), String8("1")));
     EXPECT_TRUE(g->deleteCGroup() && !g->deleteCGroup());
+    // Made again, the group is written afresh, not through a descriptor of the removed one.
+    EXPECT_TRUE(g->createCGroup() && g->setCGroup(String8("freezer.state"), String8("THAWED")) &&
+                g->attachPid(0) && g->detachPid(getpid()) && g->deleteCGroup());
     vp_type = 0;
 }
 
