@@ -9,6 +9,8 @@
 #include <binder/ProcessState.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@
 #include "listener/IQmedBinderListener.h"
 #include "tests/support/DaemonHarness.h"
 #include "tools/kmodsim/KmodsimControl.h"
+#include "tools/kmodsim/KmodsimWire.h"
 
 using namespace android;
 
@@ -104,6 +107,27 @@ double percentile(std::vector<double> v, double p) {
     return v[i];
 }
 
+// Sends one control command and leaves its answer unread, so that the bench sleeps while the
+// event that the simulator sends after answering travels; -1 on failure.
+int sendCommand(const std::string& ctl, const std::string& line) {
+    struct sockaddr_un addr;
+    const socklen_t len = kmodsim::makeAddress(ctl.c_str(), &addr);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && len > 0 && connect(fd, reinterpret_cast<struct sockaddr*>(&addr), len) == 0 &&
+        send(fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size())) {
+        return fd;
+    }
+    if (fd >= 0) close(fd);
+    return -1;
+}
+
+bool answeredOk(int fd) {
+    char buf[4096];
+    const ssize_t n = fd < 0 ? -1 : recv(fd, buf, sizeof(buf), 0);
+    if (fd >= 0) close(fd);
+    return n >= 2 && memcmp(buf, "OK", 2) == 0;
+}
+
 bool registerListener(const sp<IBinder>& service, const sp<CountingListener>& l) {
     Parcel data, reply;
     data.writeInterfaceToken(IQmedBinderService::descriptor);
@@ -151,11 +175,12 @@ int main(int argc, char** argv) {
     }
     std::vector<double> latency;
     for (int i = 0; i < events; ++i) {
-        std::string reply;
-        if (!ctl.ok("event kind 55 seq-" + std::to_string(i) + "-@now", &reply) ||
-            !first->waitSeq(i)) {
-            fprintf(stderr, "bench_msghub: event %d lost (%s, %ld callbacks)\n%s\n", i,
-                    reply.c_str(), first->count(), daemon.log().c_str());
+        const int fd = sendCommand(daemon.simulatorCtl(),
+                                   "event kind 55 seq-" + std::to_string(i) + "-@now");
+        const bool arrived = fd >= 0 && first->waitSeq(i);
+        if (!answeredOk(fd) || !arrived) {
+            fprintf(stderr, "bench_msghub: event %d lost (%ld callbacks)\n%s\n", i, first->count(),
+                    daemon.log().c_str());
             return 1;
         }
         latency.push_back(first->lastLatencyNs() / 1000.0);

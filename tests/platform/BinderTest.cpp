@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <thread>
@@ -179,6 +180,60 @@ TEST_F(BinderTest, MalformedInputFailsOnlyItsOwnMessageAndDeathIsNoticed) {
     killer.join();
     ASSERT_TRUE(waitUntil([&] { return kept->mDied > 0; }, 5000));
     EXPECT_TRUE(dropped->mDied == 0 && kept->mDied == 1 && kept->mWho == mService);
+}
+
+// Calls queued back to back on one connection are read ahead together: each is served once, in
+// order, with the descriptor sent with its first byte, however the bytes are split.
+TEST_F(BinderTest, QueuedCallsAreServedInOrderWithTheirDescriptors) {
+    const uint64_t to = mService->remoteBinder()->objectId();
+    // RECORD of `value` in `size` data bytes; with an fd object after the value when fds is 1.
+    auto record = [&](int32_t value, uint32_t size, uint32_t fds, uint32_t flags = 1) {
+        const WireObject o = {8, WIRE_OBJ_FD, 0, 0, 0};
+        const WireHeader h = {kWireMagic, WIRE_TRANSACTION, to, RECORD, flags, 0, size, fds,
+                              fds,        fds * 24,         0};
+        return std::string((const char*)&h, sizeof(h)) + std::string((const char*)&value, 4) +
+               std::string(size - 4, '\0') + std::string((const char*)&o, fds * 24);
+    };
+    const std::string a = record(1, 4, 0), big = record(2, 2000, 0), withFd = record(4, 32, 1),
+                      b = record(8, 4, 0), last = record(0, 4, 0, 0);
+    // Writes of n-byte pieces (0: whole calls), the one starting the call with an fd carrying it.
+    auto pieces = [&](size_t n) {
+        std::vector<std::pair<std::string, bool>> w;
+        for (const std::string* m : {&a, &big, &withFd, &b, &last})
+            for (size_t i = 0; i < m->size(); i += n ? n : m->size())
+                w.push_back({m->substr(i, n ? n : m->size()), i == 0 && m == &withFd});
+        return w;
+    };
+    // What; the writes; the status of the last call.
+    const std::tuple<const char*, std::vector<std::pair<std::string, bool>>, status_t> rows[] = {
+            {"one write each", pieces(0), NO_ERROR},
+            {"two writes", {{a + big, false}, {withFd + b + last, true}}, NO_ERROR},
+            {"5-byte pieces", pieces(5), NO_ERROR},
+            {"a descriptor no call announced", {{last, true}}, BAD_VALUE},
+    };
+    for (const auto& [what, writes, status] : rows) {
+        SCOPED_TRACE(what);
+        const Words before = call(mService, RECORD, {0});
+        const int fd = connectAbstract(Transport::serviceSocketName("test.svc"));
+        const struct timeval wait = {10, 0};  // a lost call fails the row rather than hanging
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+        for (const auto& [bytes, passFd] : writes) {
+            alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+            struct iovec iov = {(void*)bytes.data(), bytes.size()};
+            struct msghdr msg = {nullptr, 0, &iov, 1, control, sizeof(control), 0};
+            *CMSG_FIRSTHDR(&msg) = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+            memcpy(CMSG_DATA(CMSG_FIRSTHDR(&msg)), &fd, sizeof(fd));
+            msg.msg_controllen = passFd ? sizeof(control) : 0;
+            ASSERT_EQ(ssize_t(bytes.size()), sendmsg(fd, &msg, 0));
+        }
+        Message m;
+        ASSERT_EQ(NO_ERROR, recvMessage(fd, &m));
+        close(fd);
+        Parcel p;
+        p.setData(m.data.data(), m.data.size());
+        const Words got = {m.hdr.status, p.readInt32(), p.readInt32()};  // error replies are empty
+        EXPECT_EQ(status ? (Words{status, 0, 0}) : (Words{0, before[1] + 5, before[2] + 15}), got);
+    }
 }
 
 TEST_F(BinderTest, ServiceToolPrintsRepliesInPlatformForm) {
