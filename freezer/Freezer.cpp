@@ -13,23 +13,13 @@
 
 #include "daemon/QmedGlobals.h"
 #include "msghub/Kstate.h"
+#include "proc/ProcReader.h"
 
 using android::Mutex;
 using android::sp;
 using android::String8;
 
 static sp<Freezer> sInstance;
-
-// Built once: String8 copies share their buffer, so no freeze or thaw allocates a name.
-static const String8& stateFile() {
-    static const String8 s(CGroup::kStateFile);
-    return s;
-}
-
-static const String8& stateValue(bool frozen) {
-    static const String8 kFrozen("FROZEN"), kThawed("THAWED");
-    return frozen ? kFrozen : kThawed;
-}
 
 int64_t Freezer::monotonicMs() {
     return systemTime(SYSTEM_TIME_MONOTONIC) / 1000000;
@@ -41,12 +31,7 @@ sp<Freezer> Freezer::getInstance() {
 }
 
 Freezer::Freezer(String8 root, Clock clock)
-    : mInited(false),
-      mCheckBinder(false),
-      mCurBinderCallBuf(0),
-      mRoot(root),
-      mClock(clock),
-      mSelfPid(getpid()) {
+    : mInited(false), mCheckBinder(false), mCurBinderCallBuf(0), mRoot(root), mClock(clock) {
     initFrz();
 }
 
@@ -125,7 +110,7 @@ int Freezer::freezeProcess(int cmd, int* pids, int count) {
 }
 
 bool Freezer::freezePids(int* pids, int count, bool checkBinder) {
-    int self = mSelfPid;
+    int self = getpid();
     if (pids == nullptr || count < 1 || pids[count - 1] != -1) {
         ALOGW("Params is invalid");
         return false;
@@ -194,14 +179,14 @@ bool Freezer::freezePid(int pid, bool checkBinder) {
             mFrozenPids.removeItem(pid);
             return false;
         }
-        if (pid == mSelfPid) {
+        if (pid == getpid()) {
             ALOGW("freezePid not frz my tid: %d", pid);
             group->detachPid(pid);
             mGroupPool->putGroup(group);
             mFrozenPids.removeItem(pid);
             return false;
         }
-        if (!group->setCGroup(stateFile(), stateValue(true))) {
+        if (!group->setCGroup(String8(CGroup::kStateFile), String8("FROZEN"))) {
             ALOGI("set cgroup freezer_state frozen fail");
             return false;
         }
@@ -221,7 +206,7 @@ bool Freezer::thawPids(int* pids, int count) {
         return false;
     }
     ALOGI("thawPids");
-    int self = mSelfPid;
+    int self = getpid();
     for (int i = 0; i < count && pids[i] != -1; i++) {
         if (pids[i] == self) continue;
         if (!thawPid(pids[i])) {
@@ -249,7 +234,7 @@ bool Freezer::thawPid(int pid) {
         mFrozenPids.removeItemsAt(index);
         return true;
     }
-    if (!group->setCGroup(stateFile(), stateValue(false))) {
+    if (!group->setCGroup(String8(CGroup::kStateFile), String8("THAWED"))) {
         ALOGI("Set cgroup %s thawed fail", group->getName().c_str());
         return false;
     }
@@ -326,24 +311,12 @@ const BinderCallInfo* Freezer::getLastBinderCallInfo(int pid) {
 }
 
 int Freezer::getTgid(int tid) {
-    char path[64];
-    snprintf_s(path, sizeof(path), "/proc/%d/status", tid);
-    FILE* fp = fopen(path, "re");
-    if (fp == nullptr) {
+    static const ProcReader sProc;
+    int tgid = -1;
+    if (!sProc.threadGroupOf(tid, &tgid)) {
         if (bDebug) ALOGD("getTgid err, tid: %d because %s", tid, strerror(errno));
         return -1;
     }
-    char buffer[2048];
-    setvbuf(fp, buffer, _IOFBF, sizeof(buffer));
-    int tgid = -1;
-    char line[1024];
-    while (fgets(line, sizeof(line), fp) != nullptr) {
-        if (strlen(line) >= 7 && strncmp(line, "Tgid:\t", 6) == 0) {
-            tgid = atoi(line + 6);
-            break;
-        }
-    }
-    fclose(fp);
     return tgid;
 }
 
