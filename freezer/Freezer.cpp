@@ -21,6 +21,17 @@ using android::String8;
 
 static sp<Freezer> sInstance;
 
+// Built once: String8 copies share their buffer, so no freeze or thaw allocates a name.
+static const String8& stateFile() {
+    static const String8 s(CGroup::kStateFile);
+    return s;
+}
+
+static const String8& stateValue(bool frozen) {
+    static const String8 kFrozen("FROZEN"), kThawed("THAWED");
+    return frozen ? kFrozen : kThawed;
+}
+
 int64_t Freezer::monotonicMs() {
     return systemTime(SYSTEM_TIME_MONOTONIC) / 1000000;
 }
@@ -31,7 +42,12 @@ sp<Freezer> Freezer::getInstance() {
 }
 
 Freezer::Freezer(String8 root, Clock clock)
-    : mInited(false), mCheckBinder(false), mCurBinderCallBuf(0), mRoot(root), mClock(clock) {
+    : mInited(false),
+      mCheckBinder(false),
+      mCurBinderCallBuf(0),
+      mRoot(root),
+      mClock(clock),
+      mSelfPid(getpid()) {
     initFrz();
 }
 
@@ -110,7 +126,7 @@ int Freezer::freezeProcess(int cmd, int* pids, int count) {
 }
 
 bool Freezer::freezePids(int* pids, int count, bool checkBinder) {
-    int self = getpid();
+    int self = mSelfPid;
     if (pids == nullptr || count < 1 || pids[count - 1] != -1) {
         ALOGW("Params is invalid");
         return false;
@@ -179,14 +195,14 @@ bool Freezer::freezePid(int pid, bool checkBinder) {
             mFrozenPids.removeItem(pid);
             return false;
         }
-        if (pid == getpid()) {
+        if (pid == mSelfPid) {
             ALOGW("freezePid not frz my tid: %d", pid);
             group->detachPid(pid);
             mGroupPool->putGroup(group);
             mFrozenPids.removeItem(pid);
             return false;
         }
-        if (!group->setCGroup(String8(CGroup::kStateFile), String8("FROZEN"))) {
+        if (!group->setCGroup(stateFile(), stateValue(true))) {
             ALOGI("set cgroup freezer_state frozen fail");
             return false;
         }
@@ -206,7 +222,7 @@ bool Freezer::thawPids(int* pids, int count) {
         return false;
     }
     ALOGI("thawPids");
-    int self = getpid();
+    int self = mSelfPid;
     for (int i = 0; i < count && pids[i] != -1; i++) {
         if (pids[i] == self) continue;
         if (!thawPid(pids[i])) {
@@ -234,7 +250,7 @@ bool Freezer::thawPid(int pid) {
         mFrozenPids.removeItemsAt(index);
         return true;
     }
-    if (!group->setCGroup(String8(CGroup::kStateFile), String8("THAWED"))) {
+    if (!group->setCGroup(stateFile(), stateValue(false))) {
         ALOGI("Set cgroup %s thawed fail", group->getName().c_str());
         return false;
     }
