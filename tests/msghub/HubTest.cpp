@@ -83,7 +83,8 @@ TEST(ChannelManager, AsksNewChannelsOnceRoutesWholeMessagesAndDropsThoseThatHang
 // of the bridge framed with the daemon's pid, and what the module sends, which reaches the bridge
 // only as an event for it, with the length it claims.
 TEST(ChannelNetlink, ModuleExchangeByteForByte) {
-    FakeSockets& os = *new FakeSockets();  // the hub keeps the channel until the process ends
+    // The hub keeps its channel, and so this, until the process ends.
+    static FakeSockets& os = *new FakeSockets();
     const uint32_t self = static_cast<uint32_t>(getpid());
     const std::string pid = FakeSockets::hex(&self, 4), n64(64, 'n');
     android::sp<ChannelManager> hub = ChannelManager::getInstance();
