@@ -11,7 +11,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
-#include <sys/statfs.h>
 #include <unistd.h>
 #include <yklog/yklog.h>
 
@@ -19,15 +18,14 @@
 
 #include "daemon/QmedGlobals.h"
 #include "listener/IQmedBinderListenerService.h"
+#include "proc/ProcDir.h"
+#include "proc/ProcStat.h"
 
 using android::Mutex;
 using android::sp;
 
 namespace {
 
-constexpr long PROC_SUPER_MAGIC_VALUE = 0x9FA0;
-constexpr int STAT_LINE_SIZE = 1024;
-constexpr int PATH_SIZE = 128;
 constexpr uint32_t SAMPLE_INTERVAL_US = 2000000;
 // A consistent procfs has no parent cycles, but pids get reused while we walk.
 constexpr int MAX_ANCESTRY_HOPS = 1024;
@@ -50,24 +48,6 @@ int pidHash(int pid) {
     return static_cast<int>((u ^ (u >> 8)) & (PROC_TABLE_SIZE - 1));
 }
 
-// The next blank-separated token; runs of blanks count as one. Never null, so
-// short or garbled stat lines read as empty fields instead of crashing.
-char* nextToken(char** cursor) {
-    static char empty[] = "";
-    char* s = *cursor;
-    if (s == nullptr) return empty;
-    while (*s == ' ') s++;
-    if (*s == '\0') {
-        *cursor = s;
-        return empty;
-    }
-    char* tok = s;
-    while (*s != '\0' && *s != ' ') s++;
-    if (*s == ' ') *s++ = '\0';
-    *cursor = s;
-    return tok;
-}
-
 // Field values wrap like the 32-bit ints they were on the device.
 int32_t tokenToInt(const char* tok) {
     return static_cast<int32_t>(static_cast<uint32_t>(strtoull(tok, nullptr, 10)));
@@ -84,14 +64,6 @@ long ticksPerSecond() {
     return t > 0 ? t : 100;
 }
 
-bool readFirstLine(const char* path, char* line, int size) {
-    FILE* f = fopen(path, "re");
-    if (f == nullptr) return false;
-    bool ok = fgets(line, size, f) != nullptr;
-    fclose(f);
-    return ok;
-}
-
 }  // namespace
 
 sp<ProcessLimiter> ProcessLimiter::getInstance() {
@@ -102,7 +74,9 @@ sp<ProcessLimiter> ProcessLimiter::getInstance() {
     return sInstance;
 }
 
-ProcessLimiter::ProcessLimiter(const char* procRoot)
+ProcessLimiter::ProcessLimiter(const char* procRoot) : ProcessLimiter(ProcReader(procRoot)) {}
+
+ProcessLimiter::ProcessLimiter(const ProcReader& proc)
     : mListener(nullptr),
       mGroups(nullptr),
       mSelfGroup(nullptr),
@@ -115,9 +89,8 @@ ProcessLimiter::ProcessLimiter(const char* procRoot)
       mLoopRunning(false),
       mCpuCount(1),
       mCycle(0),
+      mProc(proc),
       mNotifierRunning(false) {
-    strncpy_s(mProcRoot, sizeof(mProcRoot), procRoot != nullptr ? procRoot : "/proc",
-              sizeof(mProcRoot) - 1);
     initProcessLimiter();
     initLimiterGroup();
     mCycle = 0;
@@ -277,15 +250,15 @@ void ProcessLimiter::sortListBubble(listNode* first) {
 // ---- procfs ----
 
 int ProcessLimiter::initProcessIterator(processIterator* it, processFilter* filter) {
-    struct statfs fs;
     // Without procfs the limiter is blind; the daemon is not meant to run like that.
-    if (statfs("/proc", &fs) != 0 || fs.f_type != PROC_SUPER_MAGIC_VALUE) {
+    if (!mProc.procfsMounted()) {
         ALOGE("procfs is not mounted!\nAborting\n");
         exit(-2);
     }
-    DIR* dip = opendir(mProcRoot);
-    if (dip == nullptr) {
+    ProcDir* dip = new ProcDir(mProc);
+    if (!dip->isOpen()) {
         perror("opendir");
+        delete dip;
         it->dip = nullptr;
         return -1;
     }
@@ -299,15 +272,13 @@ int ProcessLimiter::getNextProcess(processIterator* it, process* p) {
     const processFilter* f = it->filter;
     if (f->pid != 0 && !f->includeChildren) {
         int ret = readProcessInfo(f->pid, p);
-        closedir(it->dip);
+        delete it->dip;
         it->dip = nullptr;
         return ret == 0 ? 0 : -1;
     }
-    struct dirent* de;
-    while ((de = readdir(it->dip)) != nullptr) {
-        const char* name = de->d_name;
-        if (name[0] == '\0' || strspn(name, "0123456789") != strlen(name)) continue;
-        int pid = tokenToInt(name);
+    for (const char* name = it->dip->next(); name != nullptr; name = it->dip->next()) {
+        int pid = ProcDir::pidOf(name);
+        if (pid == 0) continue;
         p->pid = pid;
         if (f->pid == 0 || f->pid == pid) {
             readProcessInfo(pid, p);
@@ -322,95 +293,72 @@ int ProcessLimiter::getNextProcess(processIterator* it, process* p) {
             return 0;
         }
     }
-    closedir(it->dip);
+    delete it->dip;
     it->dip = nullptr;
     return -1;
 }
 
 int ProcessLimiter::closeProcessIterator(processIterator* it) {
     if (it->dip == nullptr) return 0;
-    if (closedir(it->dip) != 0) {
+    if (it->dip->close() != 0) {
         perror("closedir");
         return 1;
     }
+    delete it->dip;
     it->dip = nullptr;
     return 0;
 }
 
 int ProcessLimiter::readProcessInfo(int pid, process* p) {
-    char path[PATH_SIZE];
-    char line[STAT_LINE_SIZE];
     p->pid = pid;
-    snprintf(path, sizeof(path), "%s/%d/stat", mProcRoot, pid);
-    if (!readFirstLine(path, line, sizeof(line))) return -1;
-
-    char* cursor = line;
-    nextToken(&cursor);
-    nextToken(&cursor);
-    nextToken(&cursor);
-    p->ppid = tokenToInt(nextToken(&cursor));
-    for (int i = 5; i < 14; i++) nextToken(&cursor);
-    int32_t utime = tokenToInt(nextToken(&cursor));
-    int32_t stime = tokenToInt(nextToken(&cursor));
+    ProcStat stat;
+    if (stat.read(mProc, pid) < 0) return -1;
+    // Counted in words, so a name with blanks shifts the fields, as the limiter always read them.
+    stat.splitWords();
+    p->ppid = tokenToInt(stat.word(4));
+    int32_t utime = tokenToInt(stat.word(14));
+    int32_t stime = tokenToInt(stat.word(15));
     // The tick products wrap in 32 bits as they did on the device.
     int32_t uprod = static_cast<int32_t>(static_cast<uint32_t>(utime) * 1000u);
     int32_t sprod = static_cast<int32_t>(static_cast<uint32_t>(stime) * 1000u);
     int32_t ums = clampToInt(static_cast<double>(uprod) / ticksPerSecond());
     p->cpuTime =
             clampToInt(static_cast<double>(ums) + static_cast<double>(sprod) / ticksPerSecond());
-    for (int i = 16; i < 22; i++) nextToken(&cursor);
-    long long start = strtoll(nextToken(&cursor), nullptr, 10);
+    long long start = strtoll(stat.word(22), nullptr, 10);
     p->startTime = static_cast<int32_t>(start / ticksPerSecond());
     return 0;
 }
 
 int ProcessLimiter::getPpidOf(int pid) {
-    char path[PATH_SIZE];
-    char line[STAT_LINE_SIZE];
-    snprintf(path, sizeof(path), "%s/%d/stat", mProcRoot, pid);
-    if (!readFirstLine(path, line, sizeof(line))) return -1;
-    char* cursor = line;
-    nextToken(&cursor);
-    nextToken(&cursor);
-    nextToken(&cursor);
-    return tokenToInt(nextToken(&cursor));
+    ProcStat stat;
+    if (stat.read(mProc, pid) < 0) return -1;
+    stat.splitWords();
+    return tokenToInt(stat.word(4));
 }
 
 bool ProcessLimiter::isPidEqualTgid(int pid) {
-    char path[PATH_SIZE];
-    snprintf_s(path, sizeof(path), "%s/%d/status", mProcRoot, pid);
-    FILE* f = fopen(path, "re");
-    if (f == nullptr) {
+    int tgid = -1;
+    if (!mProc.threadGroupOf(pid, &tgid)) {
         ALOGW("getTgid err, pid: %d because %s", pid, strerror(errno));
         return false;
     }
-    char line[STAT_LINE_SIZE];
-    int tgid = -1;
-    while (fgets(line, sizeof(line), f) != nullptr) {
-        if (strlen(line) >= 7 && strncmp(line, "Tgid:\t", 6) == 0) {
-            tgid = tokenToInt(line + 6);
-            break;
-        }
-    }
-    fclose(f);
     if (tgid == pid) return true;
     ALOGW("pid:%d not equal tgid:%d!", pid, tgid);
     return false;
 }
 
 int ProcessLimiter::getProcName(int pid, char* name) {
-    char path[PATH_SIZE];
-    char line[STAT_LINE_SIZE];
-    snprintf(path, sizeof(path), "%s/%d/stat", mProcRoot, pid);
-    if (!readFirstLine(path, line, sizeof(line))) return -1;
-    char* cursor = line;
-    nextToken(&cursor);
-    char* tok = nextToken(&cursor);
+    ProcStat stat;
+    if (stat.read(mProc, pid) < 0) return -1;
+    stat.splitWords();
+    const char* tok = stat.word(2);
     if (*tok != '\0') tok++;
-    char* close = strrchr(tok, ')');
-    if (close != nullptr) *close = '\0';
+    const char* close = strrchr(tok, ')');
+    size_t len = close != nullptr ? static_cast<size_t>(close - tok) : strlen(tok);
     // The group's field is fixed; a name from a foreign procfs may be longer.
-    strncpy_s(name, PACKAGE_NAME_SIZE, tok, PACKAGE_NAME_SIZE - 1);
+    if (len > PACKAGE_NAME_SIZE - 1) len = PACKAGE_NAME_SIZE - 1;
+    memcpy_s(name, PACKAGE_NAME_SIZE, tok, len);
+    name[len] = '\0';
     return 0;
 }
 

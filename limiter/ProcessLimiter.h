@@ -1,6 +1,5 @@
 #pragma once
 
-#include <dirent.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/time.h>
@@ -12,7 +11,10 @@
 #include <atomic>
 #include <deque>
 
+#include "proc/ProcReader.h"
+
 class IQmedBinderListenerService;
+class ProcDir;
 
 // Plain records of the limiter. They live in C-allocated memory and are keyed by
 // their first 32-bit field (a pid), so the leading field of every element type
@@ -45,7 +47,7 @@ struct processFilter {
 };
 
 struct processIterator {
-    DIR* dip;
+    ProcDir* dip;           // the walk over the proc root
     processFilter* filter;  // borrowed
 };
 
@@ -100,9 +102,10 @@ class ProcessLimiter : public android::RefBase {
 
     static android::sp<ProcessLimiter> getInstance();
 
-    // procRoot replaces "/proc" for every read; the procfs mount check always
-    // looks at the real "/proc".
-    explicit ProcessLimiter(const char* procRoot = "/proc");
+    // The reader's root stands in for procfs in every read; the mount check always
+    // looks at the real one.
+    explicit ProcessLimiter(const char* procRoot = ProcReader::kProcRoot);
+    explicit ProcessLimiter(const ProcReader& proc);
     ~ProcessLimiter() override;
 
     bool isProcessLimiterInited();
@@ -193,7 +196,7 @@ class ProcessLimiter : public android::RefBase {
     };
     static constexpr size_t MAX_QUEUED_NOTICES = 1024;
 
-    char mProcRoot[64];
+    const ProcReader mProc;
     android::Mutex mNoticeLock;  // a leaf: nothing is locked inside it
     std::deque<StopNotice> mNotices;
     bool mNotifierRunning;
