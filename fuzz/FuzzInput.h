@@ -6,8 +6,24 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
+
+// Reads every byte of [data, data + len) as a peer would copy them out: one checked copy,
+// not an instrumented loop.
+inline void fuzzTouch(const void* data, size_t len) {
+    static uint8_t sScratch[4096];
+    static volatile uint8_t sSink;
+    const uint8_t* p = static_cast<const uint8_t*>(data);
+    while (len > 0) {
+        const size_t n = len < sizeof(sScratch) ? len : sizeof(sScratch);
+        memcpy(sScratch, p, n);
+        sSink = sSink + sScratch[n - 1];
+        p += n;
+        len -= n;
+    }
+}
 
 class FuzzInput {
   public:
@@ -41,6 +57,15 @@ class FuzzInput {
     std::vector<uint8_t> chunk(size_t max) {
         size_t n = u16();
         return bytes(n > max ? max : n);
+    }
+    // As chunk, in place: the bytes stay in the input.
+    const uint8_t* chunkInPlace(size_t max, size_t* len) {
+        size_t n = u16();
+        n = std::min({n, max, remaining()});
+        const uint8_t* p = mData + mPos;
+        mPos += n;
+        *len = n;
+        return p;
     }
     // A one-byte length, then the text; embedded NULs are kept.
     std::string str(size_t max = 255) {

@@ -1,13 +1,11 @@
 // Drives the hub's inbound path with the input as kernel-module datagrams: netlink framing
 // (ChannelNetlink::getMessage), the TLV header and routing (ChannelManager), and kernel-state
-// payloads through the bridge into the listener registry and a listener.
+// payloads through the bridge into the listener registry and a listener. The datagrams come
+// from in-process sockets; only the hub's own select is a system call.
 #include <binder/IInterface.h>
-#include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "fuzz/FuzzInput.h"
 #include "fuzz/FuzzLog.h"
 #include "fuzz/FuzzScratch.h"
+#include "fuzz/FuzzSockets.h"
 #include "limiter/Spear.h"
 #include "listener/IQmedBinderListenerService.h"
 #include "msghub/ChannelManager.h"
@@ -28,10 +27,10 @@ using android::sp;
 
 namespace {
 
-// The netlink channel over a socket pair instead of the module's socket.
-class PairChannel : public ChannelNetlink {
+// The netlink channel over a fuzz socket instead of the module's socket.
+class FuzzChannel : public ChannelNetlink {
   public:
-    PairChannel(int fd, int id) {
+    FuzzChannel(FuzzSockets& sockets, int fd, int id) : ChannelNetlink(sockets) {
         mFd = fd;
         mId = id;
     }
@@ -42,13 +41,11 @@ class PairChannel : public ChannelNetlink {
 class ReadingListener : public android::BnInterface<IQmedBinderListener> {
   public:
     int onKstateCallback(int len, unsigned char* data) override {
-        unsigned sum = 0;
-        for (int i = 0; data != nullptr && i < len * 4; i++) sum += data[i];
-        mSink += sum;
+        if (data != nullptr && len > 0) fuzzTouch(data, static_cast<size_t>(len) * 4);
         return 0;
     }
     int onNetworkPacketCallback(int count, const int* data) override {
-        for (int i = 0; data != nullptr && i < count; i++) mSink += static_cast<unsigned>(data[i]);
+        if (data != nullptr && count > 0) fuzzTouch(data, static_cast<size_t>(count) * 4);
         return 0;
     }
     int onStopProcSpearCallback(int pid, const char* reason) override {
@@ -66,11 +63,10 @@ const int kPeerIds[] = {TLV_ID_KERNEL, TLV_ID_KSTATE, TLV_ID_HUB, 2, 0};
 
 sp<IQmedBinderListenerService> sRegistry;
 std::string sFrzRoot;
-
-bool readable(int fd) {
-    pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0;
-}
+FuzzSockets* sSockets;
+int sKernelFd;
+// Takes what the hub forwards; sends nothing back.
+int sPeerFd;
 
 }  // namespace
 
@@ -82,6 +78,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     sRegistry = new IQmedBinderListenerService(freezer, Spear::getInstance());
     sRegistry->registerListener(new ReadingListener(), 0x3FFFFFFF);
     Kstate::getInstance()->binderListener(sRegistry);
+    sSockets = new FuzzSockets();
+    sKernelFd = sSockets->open(FuzzSockets::kOpen);
+    sPeerFd = sSockets->open(FuzzSockets::kSilent);
     return 0;
 }
 
@@ -92,37 +91,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bDebug = (flags & 0x80) != 0;
     const int peerId = kPeerIds[(flags & 0x7f) % (sizeof(kPeerIds) / sizeof(kPeerIds[0]))];
 
-    int kernel[2];
-    int peer[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, kernel) != 0) abort();
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, peer) != 0) abort();
-    for (int fd : {kernel[0], kernel[1], peer[0], peer[1]}) {
-        int bytes = 8 << 20;
-        if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof(bytes)) != 0) {
-            setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
-        }
-    }
     while (!in.empty()) {
-        std::vector<uint8_t> d = in.chunk(kMaxDatagram);
-        if (send(kernel[1], d.data(), d.size(), MSG_DONTWAIT) < 0) break;
+        size_t len;
+        const uint8_t* d = in.chunkInPlace(kMaxDatagram, &len);
+        sSockets->queue(sKernelFd, d, len);
     }
     // A well-formed empty message last: the hub re-reads after a malformed one, and must
     // find something rather than block.
-    const uint32_t sentinel[4] = {16, 0, 0, 0};
-    send(kernel[1], sentinel, sizeof(sentinel), MSG_DONTWAIT);
+    static const uint32_t kSentinel[4] = {16, 0, 0, 0};
+    sSockets->queue(sKernelFd, reinterpret_cast<const uint8_t*>(kSentinel), sizeof(kSentinel));
 
     {
         sp<ChannelManager> hub = new ChannelManager();
         // Listed first so the kernel channel is looked up past it.
-        hub->add(new PairChannel(peer[0], peerId));
-        hub->add(new PairChannel(kernel[0], 0));
-        while (readable(kernel[0])) {
+        hub->add(new FuzzChannel(*sSockets, sPeerFd, peerId));
+        hub->add(new FuzzChannel(*sSockets, sKernelFd, 0));
+        while (sSockets->pending(sKernelFd)) {
             if (hub->selectChannel() < 0) break;
             hub->checkChannel();
         }
     }
-    close(kernel[1]);
-    close(peer[1]);
+    sSockets->clear();
     bDebug = false;
     return 0;
 }

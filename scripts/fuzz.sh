@@ -1,36 +1,41 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang and runs each one.
+# Builds the libFuzzer targets with clang and runs them, then prints per target the
+# executions, time, executions per second and findings. A finding fails the command.
 #
-#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-m] [-b] [TARGET...]
-#     -t  time per target (default 60)
-#     -n  stop each target after this many executions instead (0: no limit)
+#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-j JOBS] [-m] [-b] [TARGET...]
+#     -t  time per target (default 60, or no limit when -n is given; 0: no limit)
+#     -n  executions per target (default: no limit)
+#     -j  targets run at once (default 1)
 #     -m  merge new interesting inputs back into fuzz/corpus/<target>/
 #     -b  build only
 #   targets: parcel service hub sockdiag proc (default: all)
 #
 # Environment: QMED_FUZZ_BUILD (build dir, default build/fuzz), QMED_JOBS (build
-# parallelism, default 2), QMED_FUZZ_ARGS (extra libFuzzer flags).
+# parallelism, default 2), QMED_FUZZ_ARGS (extra libFuzzer flags), QMED_FUZZ_NICE (default 10).
 #
 # As root every target runs in private mount, pid and network namespaces with its own
 # /proc: the service target's operations then reach only the fuzzer's own processes and
-# sockets. Findings land in <build>/artifacts/<target>/.
+# sockets. Findings land in <build>/artifacts/<target>/, the output in <build>/<target>.log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-seconds=60
+seconds=
 runs=0
+parallel=1
 merge=0
 buildOnly=0
-while getopts "t:n:mb" opt; do
+while getopts "t:n:j:mb" opt; do
     case "$opt" in
         t) seconds=$OPTARG ;;
         n) runs=$OPTARG ;;
+        j) parallel=$OPTARG ;;
         m) merge=1 ;;
         b) buildOnly=1 ;;
-        *) sed -n '2,18p' "$0"; exit 2 ;;
+        *) sed -n '2,19p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
+[ -z "$seconds" ] && { [ "$runs" = 0 ] && seconds=60 || seconds=0; }
 targets=${*:-parcel service hub sockdiag proc}
 build=${QMED_FUZZ_BUILD:-$root/build/fuzz}
 jobs=${QMED_JOBS:-2}
@@ -51,39 +56,58 @@ sandbox=()
 if [ "$(id -u)" = 0 ] && unshare -m -p -f -n --mount-proc true 2>/dev/null; then
     sandbox=(unshare -m -p -f -n --mount-proc)
 fi
+commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
+git diff --quiet HEAD -- . ':!fuzz/corpus' 2>/dev/null || commit="$commit+changes"
+echo "targets: $targets; runs ${runs/#0/unlimited}, time ${seconds/#0/unlimited} s, $parallel at once; at $commit"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-status=0
-for t in $targets; do
-    corpus=$build/corpus/$t
-    artifacts=$build/artifacts/$t
+
+# Runs one target; its summary line goes to <build>/<target>.result.
+fuzz() {
+    local t=$1 corpus=$build/corpus/$1 artifacts=$build/artifacts/$1 log=$build/$1.log
     mkdir -p "$corpus" "$artifacts"
     cp -n "$root/fuzz/corpus/$t/"* "$corpus/" 2>/dev/null || true
-    args=(-max_total_time="$seconds" -max_len=16384 -timeout=10 -print_final_stats=1
-          -artifact_prefix="$artifacts/")
-    [ "$runs" != 0 ] && args+=(-runs="$runs")
+    local args=(-max_total_time="$seconds" -runs="$runs" -max_len=16384 -timeout=10
+                -print_final_stats=1 -artifact_prefix="$artifacts/")
+    [ "$runs" = 0 ] && args[1]=-runs=-1
     [ -f "$root/fuzz/dict/$t.dict" ] && args+=(-dict="$root/fuzz/dict/$t.dict")
-    echo "==== $t"
     # A temporary directory per run: libFuzzer names its own after the pid, which is 1 in
     # every pid namespace. tmpfs when there is one: the proc target writes files all the time.
+    local scratch rc=0 start=$SECONDS
     scratch=$(mktemp -d /dev/shm/qmed-fuzz-"$t".XXXXXX 2>/dev/null || mktemp -d)
-    rc=0
     # shellcheck disable=SC2086
-    TMPDIR=$scratch "${sandbox[@]}" nice -n 10 "$build/bin/${t}_fuzzer" "${args[@]}" ${QMED_FUZZ_ARGS:-} \
-        "$corpus" >"$build/$t.log" 2>&1 || rc=$?
-    grep -E "^(#[0-9]+ +(INITED|DONE)|stat::(number_of_executed_units|average_exec_per_sec)|==[0-9]+==ERROR|SUMMARY)" \
-        "$build/$t.log" || true
-    # -fork=N runs report their totals on progress lines only.
-    grep -E "^#[0-9]+: cov" "$build/$t.log" | tail -n 1 || true
+    TMPDIR=$scratch "${sandbox[@]}" nice -n "${QMED_FUZZ_NICE:-10}" "$build/bin/${t}_fuzzer" \
+        "${args[@]}" ${QMED_FUZZ_ARGS:-} "$corpus" >"$log" 2>&1 || rc=$?
+    local time=$((SECONDS - start)) execs finding=none
+    execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
+    [ -n "$execs" ] || execs=$(grep -oE '^#[0-9]+' "$log" | tail -n 1 | tr -d '#' || true)
     if [ "$rc" != 0 ]; then
-        echo "$t: finding (exit $rc), see $build/$t.log and $artifacts/"
-        status=1
+        finding="exit $rc: $(grep -m 1 -E '^(==[0-9]+==ERROR|SUMMARY|.*runtime error)' "$log" |
+                             cut -c 1-100 || true) (see $log, $artifacts/)"
     fi
-    if [ "$merge" = 1 ]; then
+    if [ "$merge" = 1 ] && [ "$rc" = 0 ]; then
         TMPDIR=$scratch "${sandbox[@]}" "$build/bin/${t}_fuzzer" -merge=1 -max_len=16384 \
-            "$root/fuzz/corpus/$t" "$corpus" >/dev/null 2>&1
+            "$root/fuzz/corpus/$t" "$corpus" >/dev/null 2>&1 || true
     fi
     rm -rf "$scratch"
+    printf '%-9s %12s %7s s %8s  %s\n' "$t" "${execs:-0}" "$time" \
+        "$(( ${execs:-0} / (time > 0 ? time : 1) ))" "$finding" >"$build/$t.result"
+    [ "$rc" = 0 ]
+}
+
+for t in $targets; do
+    rm -f "$build/$t.result"
+    while [ "$(jobs -rp | wc -l)" -ge "$parallel" ]; do wait -n || true; done
+    echo "==== $t started"
+    fuzz "$t" &
+done
+wait || true
+
+status=0
+printf '%-9s %12s %9s %8s  %s\n' target executions time exec/s findings
+for t in $targets; do
+    if [ -f "$build/$t.result" ]; then cat "$build/$t.result"; else echo "$t: no result"; fi
+    grep -q ' none$' "$build/$t.result" 2>/dev/null || status=1
 done
 exit $status
