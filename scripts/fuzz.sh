@@ -2,9 +2,10 @@
 # Builds the libFuzzer targets with clang and runs them, then prints per target the
 # executions, time, executions per second and findings. A finding fails the command.
 #
-#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-j JOBS] [-m] [-b] [TARGET...]
+#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-u TIME] [-j JOBS] [-m] [-b] [TARGET...]
 #     -t  time per target (default 60, or no limit when -n is given; 0: no limit)
 #     -n  executions per target (default: no limit)
+#     -u  stop every target by this time (any date(1) -d form, e.g. 14:45); later ones don't start
 #     -j  targets run at once (default 1)
 #     -m  merge new interesting inputs back into fuzz/corpus/<target>/
 #     -b  build only
@@ -21,17 +22,19 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 seconds=
 runs=0
+until=0
 parallel=1
 merge=0
 buildOnly=0
-while getopts "t:n:j:mb" opt; do
+while getopts "t:n:u:j:mb" opt; do
     case "$opt" in
         t) seconds=$OPTARG ;;
         n) runs=$OPTARG ;;
+        u) until=$(date -d "$OPTARG" +%s) ;;
         j) parallel=$OPTARG ;;
         m) merge=1 ;;
         b) buildOnly=1 ;;
-        *) sed -n '2,19p' "$0"; exit 2 ;;
+        *) sed -n '2,20p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
@@ -66,9 +69,14 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 # Runs one target; its summary line goes to <build>/<target>.result.
 fuzz() {
     local t=$1 corpus=$build/corpus/$1 artifacts=$build/artifacts/$1 log=$build/$1.log
+    local limit=$seconds left=$((until - $(date +%s)))
+    if [ "$until" != 0 ]; then
+        [ "$left" -gt 0 ] || { echo "$t: not started, past the -u time" >"$build/$t.result"; return 1; }
+        [ "$limit" != 0 ] && [ "$limit" -lt "$left" ] || limit=$left
+    fi
     mkdir -p "$corpus" "$artifacts"
     cp -n "$root/fuzz/corpus/$t/"* "$corpus/" 2>/dev/null || true
-    local args=(-max_total_time="$seconds" -runs="$runs" -max_len=16384 -timeout=10
+    local args=(-max_total_time="$limit" -runs="$runs" -max_len=16384 -timeout=10
                 -print_final_stats=1 -artifact_prefix="$artifacts/")
     [ "$runs" = 0 ] && args[1]=-runs=-1
     [ -f "$root/fuzz/dict/$t.dict" ] && args+=(-dict="$root/fuzz/dict/$t.dict")
