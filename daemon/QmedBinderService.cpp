@@ -21,6 +21,7 @@
 #include "listener/IQmedBinderListenerService.h"
 #include "msghub/Kstate.h"
 #include "proc/ParseProcInfo.h"
+#include "proc/ProcReader.h"
 
 using android::IBinder;
 using android::IInterface;
@@ -146,24 +147,23 @@ int QmedBinderService::getKstateSync(int command) {
 }
 
 int QmedBinderService::getProcUTime(int pid) {
-    char path[100] = {0};
-    sprintf_s(path, sizeof(path), "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    static const ProcReader sProc;
+    char buf[ProcReader::kNodeSize];
+    ssize_t n = sProc.read(pid, "stat", buf, sizeof(buf));
+    if (n == ProcReader::kOpenFailed) {
+        char path[100];
+        sProc.pathOf(pid, "stat", path, sizeof(path));
         ALOGE("open %s fail", path);
         return -1;
     }
-    char buf[1024] = {0};
-    if (read(fd, buf, sizeof(buf) - 1) < 0) {
+    if (n < 0) {
         ALOGE("read %d fail", pid);
-        close(fd);
         return -1;
     }
     // The name is taken as one blank-free token, as the client has always seen it.
     int utime = 0;
     sscanf_s(buf, "%*d %*s %*c %*d %*d %*d %*d %*d %*d %*d %*d %*d %*d %d", &utime);
     ALOGI("Proc: %d utime:%d", pid, utime);
-    close(fd);
     return utime;
 }
 

@@ -2,8 +2,6 @@
 
 #include "listener/IQmedBinderListenerService.h"
 
-#include <dirent.h>
-#include <limits.h>
 #include <log/log.h>
 #include <safe_lib.h>
 #include <safe_mem_lib.h>
@@ -15,6 +13,7 @@
 #include "daemon/QmedGlobals.h"
 #include "freezer/Freezer.h"
 #include "limiter/Spear.h"
+#include "proc/ProcDir.h"
 
 using android::IBinder;
 using android::IInterface;
@@ -271,37 +270,17 @@ size_t IQmedBinderListenerService::reportTimeCount() {
     return mReportTime.size();
 }
 
-int getPidByName(const char* name, const char* procRoot) {
-    if (name == nullptr || procRoot == nullptr) return 0;
-    DIR* dir = opendir(procRoot);
-    if (dir == nullptr) return 0;
-    int found = 0;
-    struct dirent* entry;
-    while (found == 0 && (entry = readdir(dir)) != nullptr) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-        if (entry->d_type != DT_DIR) continue;
-        int pid = atoi(entry->d_name);
-        if (pid == 0) continue;
-        char path[PATH_MAX];
-        if (snprintf_s(path, sizeof(path), "%s/%s/status", procRoot, entry->d_name) <= 0) {
-            continue;
+int getPidByName(const char* name, const ProcReader& proc) {
+    if (name == nullptr) return 0;
+    ProcDir dir(proc);
+    for (const char* entry = dir.next(); entry != nullptr; entry = dir.next()) {
+        int pid = ProcDir::pidOf(entry);
+        // Only the short command name of the first line counts: at most 15 characters.
+        char procName[51];
+        if (pid != 0 && proc.statusName(pid, procName, sizeof(procName)) &&
+            strcmp(procName, name) == 0) {
+            return pid;
         }
-        FILE* fp = fopen(path, "re");
-        if (fp == nullptr) continue;
-        char line[1024] = {0};
-        if (fgets(line, sizeof(line), fp) != nullptr) {
-            char procName[51] = {0};
-            // Only the short command name of the first line counts: at most 15 characters.
-            // Annex K takes the destination size after %s, which the format check does not know.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
-            int scanned =
-                    sscanf_s(line, "%*s %50s", procName, static_cast<rsize_t>(sizeof(procName)));
-#pragma GCC diagnostic pop
-            if (scanned == 1 && strcmp(procName, name) == 0) found = pid;
-        }
-        fclose(fp);
     }
-    closedir(dir);
-    return found;
+    return 0;
 }

@@ -10,6 +10,7 @@
 #include <utils/Vector.h>
 
 #include "listener/IQmedBinderListener.h"
+#include "proc/ProcReader.h"
 
 class Freezer;
 class Spear;
@@ -91,6 +92,6 @@ class IQmedBinderListenerService : public virtual android::RefBase {
     Clock mClock;
 };
 
-// Pid of the first process whose short name equals name, 0 when none.
-// procRoot is injectable for tests.
-int getPidByName(const char* name, const char* procRoot = "/proc");
+// Pid of the first process whose short name (the first word of it, at most 50 bytes) equals
+// name, 0 when none.
+int getPidByName(const char* name, const ProcReader& proc = ProcReader());

@@ -155,9 +155,9 @@ TEST(Registry, GetPidByNameReadsTheFirstWordOfTheFirstStatusLine) {
         runCommand({"mkdir", dir});
         writeFile(dir + "/status", "Name:\t" + name + "\nUmask:\t0022\n");
     }
-    EXPECT_EQ(6, getPidByName("my", root));  // the first word of the name, at most 50 bytes
-    EXPECT_EQ(200, getPidByName(std::string(50, 'x').c_str(), root));
-    EXPECT_EQ(0, getPidByName("my", "/nonexistent/proc"));
+    EXPECT_EQ(6, getPidByName("my", ProcReader(root)));  // the first word of the name, at most 50 bytes
+    EXPECT_EQ(200, getPidByName(std::string(50, 'x').c_str(), ProcReader(root)));
+    EXPECT_EQ(0, getPidByName("my", ProcReader("/nonexistent/proc")));
     runCommand({"rm", "-rf", root});
 }
 
