@@ -122,12 +122,12 @@ TEST(ChannelNetlink, ModuleExchangeByteForByte) {
     }
     EXPECT_EQ(2u, log.count("D/Qmed-MsgHub: sendmsg to netlink(20)"));
     // {tag, src, dst, len, what the bridge passes on (-1: nothing)}: dst 0, an unknown one, the
-    // module's own, not an event, TLV len past the receive buffer or negative; then an answer
-    // naming the channel after the hub itself, after which nothing it sends is routed.
+    // module's own, not an event, TLV len past the receive buffer or negative, an identification
+    // naming nothing; then one naming the channel after the hub, which ends all routing from it.
     const int in[][5] = {{4, 4, 0, 20, -1},   {4, 4, 5, 20, -1},     {4, 4, 4, 20, -1},
                          {5, 4, 8, 20, -1},   {4, 4, 8, 2033, -1},   {4, 4, 8, -1, -1},
-                         {4, 4, 8, 100, 100}, {4, 4, 8, 2032, 2032}, {1, 1, 0, 0, -1},
-                         {4, 4, 8, 20, -1}};
+                         {4, 4, 8, 100, 100}, {4, 4, 8, 2032, 2032}, {1, 0, 8, 0, -1},
+                         {1, 1, 0, 0, -1},    {4, 4, 8, 20, -1}};
     for (const auto& r : in) {
         log.clear();
         os.reply(0,
