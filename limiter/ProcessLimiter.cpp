@@ -89,6 +89,8 @@ ProcessLimiter::ProcessLimiter(const ProcReader& proc)
       mLoopRunning(false),
       mCpuCount(1),
       mCycle(0),
+      mOwnerCount(0),
+      mCommandsWaiting(0),
       mProc(proc),
       mNotifierRunning(false) {
     initProcessLimiter();
@@ -583,10 +585,12 @@ void ProcessLimiter::spearLoop() {
 }
 
 int ProcessLimiter::spearCycle() {
+    yieldToCommands();
     mLock.lock();
     if (mGroups->first == nullptr) {
         ALOGE("List head is NULL, but list count not zero, Memory leak risk! End Sr loop!\n");
         clearList(mGroups);
+        publishOwners();
         mLock.unlock();
         return -1;
     }
@@ -631,6 +635,7 @@ int ProcessLimiter::spearCycle() {
     if (finalSleep.tv_nsec >= 1) sleepFor(&finalSleep);
 
     mCycle++;
+    yieldToCommands();
     mLock.lock();
     updateLimiterGroup();
     int n = mGroups->count;
@@ -639,6 +644,7 @@ int ProcessLimiter::spearCycle() {
 }
 
 void ProcessLimiter::updateLimiterGroup() {
+    applyQueuedRates();
     float prevRate = 0.0f;
     bool unsorted = false;
     int32_t cycle = mCycle;
@@ -655,6 +661,7 @@ void ProcessLimiter::updateLimiterGroup() {
             }
             sendStopMessageToQm(owner, "empty");
             deleteNode(mGroups, n);
+            publishOwners();
             if (bDebug) ALOGD("Limter group limiter list count: %d.\n", mGroups->count);
             closeProcessGroup(g);
             reportQmedState();
@@ -691,6 +698,7 @@ void ProcessLimiter::updateLimiterGroup() {
         g->lastLoad = g->load;
     }
     if (unsorted) sortListBubble(mGroups->first);
+    publishOwners();
 
     if (mSelfGroup == nullptr) return;
     updateProcessGroup(mSelfGroup);
@@ -726,6 +734,7 @@ bool ProcessLimiter::judgeAutoQuit(listNode* node) {
     }
     sendStopMessageToQm(owner, "low_rate");
     deleteNode(mGroups, node);
+    publishOwners();
     if (bDebug) ALOGD("Limter group limiter list count: %d.\n", mGroups->count);
     closeProcessGroup(g);
     reportQmedState();
@@ -739,6 +748,7 @@ void ProcessLimiter::tgidErrQuit(listNode* node) {
     if (bDebug) ALOGD("PGroup (owner: %d) pid not equal tgid, stop Sr automatically.\n", owner);
     sendStopMessageToQm(owner, "tgid_error");
     deleteNode(mGroups, node);
+    publishOwners();
     if (bDebug) ALOGD("Limter group limiter list count: %d.\n", mGroups->count);
     closeProcessGroup(g);
     reportQmedState();
@@ -844,6 +854,14 @@ float ProcessLimiter::convertRate(int rate) {
     return r;
 }
 
+namespace {
+// Releases a lock taken by lockForCommand at the end of the scope.
+struct Unlocker {
+    Mutex& lock;
+    ~Unlocker() { lock.unlock(); }
+};
+}  // namespace
+
 processGroup* ProcessLimiter::findGroup(int pid) {
     for (listNode* n = mGroups->first; n != nullptr; n = n->next) {
         processGroup* g = static_cast<processGroup*>(n->data);
@@ -854,7 +872,7 @@ processGroup* ProcessLimiter::findGroup(int pid) {
 
 int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeChildren) {
     if (!isPidEqualTgid(pid)) return -5;
-    mLock.lock();
+    lockForCommand();
     if (mGroups->count >= MAX_GROUPS) {
         ALOGW("Too much need to Sr, ignore this!\n");
         mLock.unlock();
@@ -869,6 +887,7 @@ int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeCh
     }
     initProcessGroup(g, pid, includeChildren, r, type);
     addElem(mGroups, g);
+    publishOwners();
     getProcName(pid, g->package);
     int n = mGroups->count;
     int members = g->procList != nullptr ? g->procList->count : 0;
@@ -883,19 +902,44 @@ int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeCh
 }
 
 int ProcessLimiter::changeParam(int pid, int rate) {
-    mLock.lock();
     float r = convertRate(rate);
-    processGroup* g = findGroup(pid);
-    if (g != nullptr) {
-        if (bDebug) ALOGD("Change P: %d Sr R: %0.2lf%%.\n", pid, r * 100.0);
-        g->targetRate = r;
+    bool locked = mLock.tryLock() == android::NO_ERROR;
+    if (!locked) {
+        // The target is read only when the loop adjusts rates after its stop phase, so the
+        // caller need not wait that phase out.
+        Mutex::Autolock _l(mOwnersLock);
+        if (mQueuedRates.size() < MAX_QUEUED_RATES) {
+            mQueuedRates.push_back({pid, r});
+            return 0;
+        }
     }
+    if (!locked) lockForCommand();
+    applyQueuedRates();
+    setTargetRate(pid, r);
     mLock.unlock();
     return 0;
 }
 
+void ProcessLimiter::setTargetRate(int pid, float rate) {
+    processGroup* g = findGroup(pid);
+    if (g == nullptr) return;
+    if (bDebug) ALOGD("Change P: %d Sr R: %0.2lf%%.\n", pid, rate * 100.0);
+    g->targetRate = rate;
+}
+
+void ProcessLimiter::applyQueuedRates() {
+    std::vector<QueuedRate> queued;
+    {
+        Mutex::Autolock _l(mOwnersLock);
+        if (mQueuedRates.empty()) return;
+        queued.swap(mQueuedRates);
+    }
+    for (const QueuedRate& q : queued) setTargetRate(q.pid, q.rate);
+}
+
 int ProcessLimiter::pauseLimit(int pid, int time) {
-    Mutex::Autolock _l(mLock);
+    lockForCommand();
+    Unlocker _l{mLock};
     processGroup* g = findGroup(pid);
     if (g == nullptr) {
         ALOGW("Pause Sr failed. Not find pGroup (owner: %d), maybe it dead just now.\n", pid);
@@ -914,7 +958,8 @@ int ProcessLimiter::pauseLimit(int pid, int time) {
 }
 
 int ProcessLimiter::quitLimit(int pid) {
-    Mutex::Autolock _l(mLock);
+    lockForCommand();
+    Unlocker _l{mLock};
     listNode* node = nullptr;
     for (listNode* n = mGroups->first; n != nullptr; n = n->next) {
         processGroup* g = static_cast<processGroup*>(n->data);
@@ -932,6 +977,7 @@ int ProcessLimiter::quitLimit(int pid) {
     releaseProcess(g);
     if (bDebug) ALOGD("Stop Sr pGroup (owner: %d).\n", pid);
     deleteNode(mGroups, node);
+    publishOwners();
     if (bDebug) ALOGD("Limter group limiter list count: %d.\n", mGroups->count);
     closeProcessGroup(g);
     reportQmedState();
@@ -939,7 +985,8 @@ int ProcessLimiter::quitLimit(int pid) {
 }
 
 int ProcessLimiter::quitLimitAll() {
-    Mutex::Autolock _l(mLock);
+    lockForCommand();
+    Unlocker _l{mLock};
     listNode* next;
     for (listNode* n = mGroups->first; n != nullptr; n = next) {
         next = n->next;
@@ -951,6 +998,7 @@ int ProcessLimiter::quitLimitAll() {
         if (bDebug) ALOGD("Limter group limiter list count: %d.\n", mGroups->count);
         closeProcessGroup(g);
     }
+    publishOwners();
     if (bDebug) ALOGD("Stop Sr all.\n");
     reportQmedState();
     return mGroups->count == 0 ? 1 : 0;
@@ -964,8 +1012,12 @@ int ProcessLimiter::resumeProc(int pid) {
 }
 
 int ProcessLimiter::islimitedPid(int pid) {
-    Mutex::Autolock _l(mLock);
-    if (findGroup(pid) != nullptr) {
+    bool found = false;
+    {
+        Mutex::Autolock _l(mOwnersLock);
+        for (int32_t owner : mOwners) found = found || owner == pid;
+    }
+    if (found) {
         if (bDebug) ALOGD("P: %d is Sr now.\n", pid);
         return 1;
     }
@@ -974,15 +1026,41 @@ int ProcessLimiter::islimitedPid(int pid) {
 }
 
 int ProcessLimiter::getPgroupNum() {
-    Mutex::Autolock _l(mLock);
-    return mGroups->count;
+    Mutex::Autolock _l(mOwnersLock);
+    return mOwnerCount;
+}
+
+void ProcessLimiter::publishOwners() {
+    Mutex::Autolock _l(mOwnersLock);
+    mOwners.clear();
+    for (listNode* n = mGroups->first; n != nullptr; n = n->next) {
+        processGroup* g = static_cast<processGroup*>(n->data);
+        if (g != nullptr) mOwners.push_back(g->ownerPid);
+    }
+    mOwnerCount = mGroups->count;
+}
+
+void ProcessLimiter::lockForCommand() {
+    mCommandsWaiting++;
+    mLock.lock();
+    mCommandsWaiting--;
+    applyQueuedRates();
+}
+
+void ProcessLimiter::yieldToCommands() {
+    // The loop re-takes mLock right after releasing it and would win every time, leaving a
+    // command that queued meanwhile to wait out a whole further stop phase. A steady stream
+    // of commands holds the loop back by at most a few milliseconds.
+    for (int i = 0; i < 20 && mCommandsWaiting > 0; i++) usleep(1000);
 }
 
 int ProcessLimiter::checkAbnormal() {
-    Mutex::Autolock _l(mLock);
+    lockForCommand();
+    Unlocker _l{mLock};
     if ((mGroups->first == nullptr) != (mGroups->count == 0)) {
         ALOGE("List error! Clear list now, Memory leak risk!\n");
         clearList(mGroups);
+        publishOwners();
         return 1;
     }
     if (mSelfGroup == nullptr) return 0;

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <deque>
+#include <vector>
 
 #include "proc/ProcReader.h"
 
@@ -89,7 +90,12 @@ static_assert(offsetof(processGroup, err2) == 8 * sizeof(float), "group field or
 //
 // Threading: public commands are called from binder threads and take mLock.
 // The loop thread holds mLock from the continue phase through the stop-phase
-// sleeps. Release notices are queued with mLock held and posted to the listener
+// sleeps, so a command that changes a group waits out the current stop phase;
+// commands waiting for mLock go before the loop's next cycle. The two queries
+// (islimitedPid, getPgroupNum) read a copy of the owners published under
+// mOwnersLock, a leaf, at every change of the list, and never wait for a cycle;
+// nor does changeParam: a rate it cannot set at once is queued under mOwnersLock
+// and set by the next holder of mLock, before any adjustment reads it. Release notices are queued with mLock held and posted to the listener
 // registry by a notifier thread that holds no limiter lock: a listener stuck in
 // its callback must not keep limited processes stopped or commands waiting.
 // So the registry's lock is never taken inside mLock, and nothing called from
@@ -173,6 +179,11 @@ class ProcessLimiter : public android::RefBase {
     void dropDeadMember(processGroup* g, listNode* n, int prio);
     float convertRate(int rate);
     processGroup* findGroup(int pid);  // mLock held
+    void publishOwners();              // mLock held; after every change of mGroups
+    void lockForCommand();             // mLock, counted, so the loop lets it in first
+    void yieldToCommands();            // the loop thread, mLock not held
+    void applyQueuedRates();           // mLock held
+    void setTargetRate(int pid, float rate);  // mLock held
 
     android::sp<IQmedBinderListenerService> mListener;
     list* mGroups;
@@ -189,6 +200,17 @@ class ProcessLimiter : public android::RefBase {
     std::atomic<int32_t> mCycle;
 
   private:
+    android::Mutex mOwnersLock;
+    std::vector<int32_t> mOwners;  // owners of the listed groups, in list order
+    int mOwnerCount;               // mGroups->count
+    struct QueuedRate {
+        int pid;
+        float rate;
+    };
+    std::vector<QueuedRate> mQueuedRates;
+    static constexpr size_t MAX_QUEUED_RATES = 1024;
+    std::atomic<int> mCommandsWaiting;
+
     struct StopNotice {
         android::sp<IQmedBinderListenerService> listener;
         int pid;

@@ -1,8 +1,9 @@
 // Throttling accuracy and overhead of the limiter, measured in one run against
 // cpulimit (same target, same busy workload) and the kernel's cgroup-v1 CPU
-// bandwidth control as the physical reference. Needs root. Takes about 11
-// minutes with the defaults; `bench_limiter SECONDS [accuracy|overhead]` shortens the
-// accuracy runs or picks one part.
+// bandwidth control as the physical reference, and how long a command waits for
+// its answer while 1, 10 and 100 groups are limited. Needs root. Takes about 12
+// minutes with the defaults; `bench_limiter SECONDS [accuracy|overhead|latency]`
+// shortens the accuracy runs or picks one part.
 
 #include <android/log.h>
 #include <errno.h>
@@ -18,8 +19,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -282,6 +286,54 @@ void overhead(int seconds) {
     }
 }
 
+// Commands issued at random moments while `groups` light processes are limited at 50 %:
+// a query (is it limited), a change of rate and a pause of no cycles, which releases the
+// group's processes and so has to wait for the loop's stop phase to end.
+void commandWait(int groups, int seconds) {
+    android::sp<BenchLimiter> pl = new BenchLimiter();
+    std::vector<pid_t> children;
+    auto t0 = Clock::now();
+    for (int i = 0; i < groups; i++) {
+        children.push_back(spawn(true));
+        pl->add2LimiterGroup(children.back(), 50, 0, false);
+    }
+    double setup = std::chrono::duration<double>(Clock::now() - t0).count();
+    std::vector<double> query, change, pause;
+    std::mt19937 rng(groups);
+    auto end = Clock::now() + std::chrono::seconds(seconds);
+    while (Clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 200));
+        pid_t target = children[rng() % children.size()];
+        auto a = Clock::now();
+        pl->islimitedPid(target);
+        auto b = Clock::now();
+        pl->changeParam(target, 50);
+        auto c = Clock::now();
+        pl->pauseLimit(target, 0);
+        pause.push_back(std::chrono::duration<double, std::milli>(Clock::now() - c).count());
+        query.push_back(std::chrono::duration<double, std::milli>(b - a).count());
+        change.push_back(std::chrono::duration<double, std::milli>(c - b).count());
+    }
+    auto report = [&](const char* what, std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        printf("  command wait, %d groups, %-6s median %9.2f ms  max %9.2f ms  (%zu commands)\n",
+               groups, what, v[v.size() / 2], v.back(), v.size());
+    };
+    report("query", query);
+    report("change", change);
+    report("pause", pause);
+    printf("  (%d groups: added in %.2f s, %d cycles in %d s)\n", groups, setup, pl->cycles(),
+           seconds);
+    fflush(stdout);
+    pl->quitLimitAll();
+    for (pid_t c : children) reap(c);
+}
+
+void latency(int longest) {
+    printf("latency: commands at random moments, light children limited at 50 %%\n");
+    for (int groups : {1, 10, 100}) commandWait(groups, groups < 100 ? 6 : longest);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -293,7 +345,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::string only = argc > 2 ? argv[2] : "";
-    if (only != "overhead") accuracy(seconds);
-    if (only != "accuracy") overhead(20);
+    if (only.empty() || only == "accuracy") accuracy(seconds);
+    if (only.empty() || only == "overhead") overhead(20);
+    // Long enough to span the stop phase of 100 groups at least once.
+    if (only.empty() || only == "latency") latency(40);
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <binder/IInterface.h>
 #include <sys/time.h>
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
@@ -30,12 +31,16 @@ class DrivenLimiter : public ProcessLimiter {
     }
     struct timeval now = {1000000, 0};
     std::vector<int> sleepsMs;  // asked for, rounded
+    std::atomic<bool> holdSleep{false}, inSleep{false};  // a sleep held while holdSleep
     int loopStarts = 0;
 
   protected:
     void currentTime(struct timeval* tv) override { *tv = now; }
     void startSpearLoop() override { loopStarts++; }
     void sleepFor(const struct timespec* ts) override {
+        for (inSleep = true; holdSleep; usleep(1000)) {
+        }
+        inSleep = false;
         sleepsMs.push_back((ts->tv_nsec + 500000) / 1000000);
         if (ts->tv_nsec >= 1000000000) return;  // nanosleep refuses it
         advanceMs(ts->tv_nsec / 1000000);

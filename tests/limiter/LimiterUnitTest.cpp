@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <future>
 #include <random>
 
 #include "daemon/QmedGlobals.h"
@@ -199,6 +200,28 @@ TEST_F(LimiterCycle, StopPhaseSleepsAndAGoneOwnerReleasedAsTgidErrorOffTheLoop) 
     pl->spearCycle();  // continue phase: the owner fails the tgid check
     EXPECT_EQ(Ints({2, 0}), Ints({pl->getPgroupNum(), pl->islimitedPid(pid)}));
     EXPECT_EQ(std::vector<std::string>({std::to_string(pid) + " tgid_error"}), listener->got(3000));
+}
+
+// The loop holds its lock through the stop phase: a pause waits it out, the queries and a rate
+// change answer at once, and the new rate is in place when the cycle's adjustment runs.
+TEST_F(LimiterCycle, QueriesAndRateChangesAnswerDuringAStopPhase) {
+    TestChild kid = TestChild::spawn(Kind::Sleep);
+    addLimited(kid.pid(), 0.5f);
+    pl->holdSleep = true;
+    auto cycle = std::async(std::launch::async, [&] { return pl->spearCycle(); });
+    ASSERT_TRUE(waitUntil([&] { return pl->inSleep.load(); }, 3000));
+    auto pause = std::async(std::launch::async, [&] { return pl->pauseLimit(kid.pid(), 1); });
+    auto answers = std::async(std::launch::async, [&] {
+        return Ints({pl->getPgroupNum(), pl->islimitedPid(kid.pid()), pl->islimitedPid(999999),
+                     pl->changeParam(kid.pid(), 70)});
+    });
+    bool answered = answers.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
+    bool paused = pause.wait_for(std::chrono::milliseconds(100)) == std::future_status::ready;
+    pl->holdSleep = false;
+    EXPECT_TRUE(answered && !paused);
+    EXPECT_EQ(Ints({1, 1, 0, 0}), answers.get());
+    EXPECT_EQ(Ints({1, 1}), Ints({pause.get(), cycle.get()}));
+    EXPECT_FLOAT_EQ(0.7f, pl->findGroup(kid.pid())->targetRate);
 }
 
 TEST_F(LimiterCycle, LimitingBeginsOnTheFourthCycleAndAPauseKeepsTheLongerCount) {
