@@ -10,7 +10,7 @@
 namespace qmedtest {
 namespace {
 
-TEST(HubDaemon, ModuleBytesAndListenerDeliveryThroughHostileTraffic) {
+TEST(HubDaemon, ModuleBytesAndListenerDeliveryEndToEnd) {
     TestChild systemServer = TestChild::spawn(TestChild::Kind::Sleep, "system_server");
     Daemon daemon;
     daemon.options().simulator = true;
