@@ -12,7 +12,6 @@
 #pragma GCC diagnostic pop
 #include <map>
 #include <set>
-#include <sstream>
 
 #include "daemon/IQmedBinderService.h"
 #include "tests/limiter/LimiterHarness.h"
@@ -56,33 +55,27 @@ TEST(Device, GeneratedInterfacesKeepTheWireCodes) {
               codes);
 }
 
-// Android.bp compiles what the CMake build compiles into the daemon, module by module (the
-// build writes "module|dir|sources" lines), and every file it names exists.
+// Android.bp compiles what the CMake build compiles into each daemon module, and names only
+// files that exist.
 TEST(Device, BuildFileCompilesWhatTheBuildCompilesAndNamesOnlyFilesThatExist) {
     const std::string root = QMED_SOURCE_DIR "/",
                       bp = qmedtest::readFile(root + "device/Android.bp");
-    std::map<std::string, std::set<std::string>> built, listed;
-    std::istringstream lines(qmedtest::readFile(QMED_DAEMON_SOURCES));
-    for (std::string line; std::getline(lines, line);) {
-        const size_t a = line.find('|'), b = line.find('|', a + 1);
-        std::istringstream files(line.substr(b + 1));
-        for (std::string f; std::getline(files, f, ';');) {
-            const auto path = std::filesystem::path(line.substr(a + 1, b - a - 1)) / f;
-            if (path.extension() == ".cpp") {
-                built[line.substr(0, a)].insert(path.lexically_relative(root).string());
-            }
+    std::map<std::string, std::set<std::string>> built;
+    for (const std::string& line : matches(qmedtest::readFile(QMED_DAEMON_SOURCES), "([^\n]+)")) {
+        const auto f = matches(line, "([^|;]+)");  // module, its directory, its sources
+        for (size_t i = 2; i < f.size(); i++) {
+            const auto path = std::filesystem::path(f[1]) / f[i];
+            if (path.extension() == ".cpp") built[f[0]].insert(path.lexically_relative(root));
         }
     }
     ASSERT_EQ(3u, built.size());
-    // bpfmt's layout: a module's name first, its lists one level in.
-    const std::regex module(
-            R"re(\n\w+ \{\n    name: "([^"]+)",\n[^}]*?\n    srcs: \[([^\]]*)\])re");
-    for (std::sregex_iterator it(bp.begin(), bp.end(), module), end; it != end; ++it) {
-        for (const std::string& f : matches((*it)[2], R"re("([^"]+)")re")) {
-            if (built.count((*it)[1]) != 0) listed[(*it)[1]].insert(f);
-        }
+    for (const auto& [module, sources] : built) {
+        // bpfmt's layout: the module's name first, its lists one level in.
+        const auto srcs =
+                matches(bp, "\n    name: \"" + module + "\",\n[^}]*?\n    srcs: \\[([^\\]]*)\\]");
+        const auto listed = matches(srcs.empty() ? "" : srcs[0], R"re("([^"]+)")re");
+        EXPECT_EQ(sources, std::set<std::string>(listed.begin(), listed.end())) << module;
     }
-    EXPECT_EQ(built, listed);
     const std::string named =
             std::regex_replace(bp, std::regex(R"((//[^\n]*|\bout: \[[^\]]*\]))"), "");
     for (const std::string& f : matches(named, R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re")) {
