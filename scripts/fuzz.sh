@@ -12,7 +12,8 @@
 #   targets: parcel service hub sockdiag proc (default: all)
 #
 # Environment: QMED_FUZZ_BUILD (build dir, default build/fuzz), QMED_JOBS (build
-# parallelism, default 2), QMED_FUZZ_ARGS (extra libFuzzer flags), QMED_FUZZ_NICE (default 10).
+# parallelism, default 2), QMED_FUZZ_ARGS (extra libFuzzer flags), QMED_FUZZ_NICE (default 10),
+# QMED_BUILD_LOCK (a file held with flock(1) while building, for build dirs others share).
 #
 # As root every target runs in private mount, pid and network namespaces with its own
 # /proc: the service target's operations then reach only the fuzzer's own processes and
@@ -34,7 +35,7 @@ while getopts "t:n:u:j:mb" opt; do
         j) parallel=$OPTARG ;;
         m) merge=1 ;;
         b) buildOnly=1 ;;
-        *) sed -n '2,20p' "$0"; exit 2 ;;
+        *) sed -n '2,21p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
@@ -45,14 +46,16 @@ jobs=${QMED_JOBS:-2}
 
 flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined"
 flags="$flags -fno-omit-frame-pointer -g -O1"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+lock=()
+[ -n "${QMED_BUILD_LOCK:-}" ] && lock=(flock "$QMED_BUILD_LOCK")
+"${lock[@]}" cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DQMED_BUILD_FUZZ=ON -DQMED_BUILD_BENCH=OFF \
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
     -DCMAKE_C_FLAGS_RELWITHDEBINFO= -DCMAKE_CXX_FLAGS_RELWITHDEBINFO= >/dev/null
 fuzzers=()
 for t in $targets; do fuzzers+=("${t}_fuzzer"); done
-cmake --build "$build" -j "$jobs" --target "${fuzzers[@]}"
+"${lock[@]}" cmake --build "$build" -j "$jobs" --target "${fuzzers[@]}"
 [ "$buildOnly" = 1 ] && exit 0
 
 sandbox=()
