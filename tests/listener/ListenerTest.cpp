@@ -147,20 +147,6 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
     EXPECT_EQ(4343, info->callingPid);
 }
 
-TEST(Registry, GetPidByNameReadsTheFirstWordOfTheFirstStatusLine) {
-    char root[] = "/tmp/qmed-proc-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(root));
-    for (const std::string& name : {std::string(200, 'x'), std::string("my app")}) {
-        std::string dir = root + ("/" + std::to_string(name.size()));
-        runCommand({"mkdir", dir});
-        writeFile(dir + "/status", "Name:\t" + name + "\nUmask:\t0022\n");
-    }
-    EXPECT_EQ(6, getPidByName("my", ProcReader(root)));  // the first word of the name, at most 50 bytes
-    EXPECT_EQ(200, getPidByName(std::string(50, 'x').c_str(), ProcReader(root)));
-    EXPECT_EQ(0, getPidByName("my", ProcReader("/nonexistent/proc")));
-    runCommand({"rm", "-rf", root});
-}
-
 TEST(RegistryConcurrency, PostersRegistrarsAndDumpsInterleave) {
     sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(
             new Freezer(android::String8("/nonexistent/qmed-registry-concurrency")), nullptr);

@@ -1,6 +1,7 @@
 #pragma once
 
-// A canned /proc in tmpfs: process folders with a stat node, maybe a cmdline node, an owner.
+// A canned /proc in tmpfs: process folders with a stat node, maybe a cmdline node, an owner;
+// any other node or folder through node().
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,6 +31,12 @@ class ProcTree {
         return mkdir(dir.c_str(), 0755) == 0 && writeFile(dir + "/stat", stat) &&
                (!cmdline || writeFile(dir + "/cmdline", *cmdline)) &&
                (uid == 0 || chown(dir.c_str(), uid, uid) == 0);
+    }
+    // Writes root/path, making its folder first; a path ending in '/' makes a folder only.
+    bool node(const std::string& path, const std::string& text = "") const {
+        std::string full = mRoot + "/" + path, dir = full.substr(0, full.rfind('/'));
+        runCommand({"mkdir", "-p", dir});
+        return full.back() == '/' || writeFile(full, text);
     }
     const std::string& root() const { return mRoot; }
 

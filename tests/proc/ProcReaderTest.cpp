@@ -1,0 +1,166 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+
+#include "freezer/Freezer.h"
+#include "limiter/ProcessLimiter.h"
+#include "listener/IQmedBinderListenerService.h"
+#include "proc/ParseProcInfo.h"
+#include "proc/ProcDir.h"
+#include "proc/ProcStat.h"
+#include "tests/support/ProcTree.h"
+#include "tests/support/TestChild.h"
+
+using namespace qmedtest;
+
+namespace {
+
+// Counts status reads; without signals every thread-group check takes the status node.
+struct CountingFiles : ProcFiles {
+    explicit CountingFiles(bool signals) : mSignals(signals) {}
+    int openNode(const char* rel) override { return opens++, ProcFiles::openNode(rel); }
+    int signalLeader(int tid) override {
+        return mSignals ? ProcFiles::signalLeader(tid) : (errno = ESRCH, -1);
+    }
+    bool mSignals;
+    int opens = 0;
+};
+
+}  // namespace
+
+// Process 100 + i has the row's stat and status nodes; the reader takes every shape one way.
+TEST(ProcReader, CannedNodesOfEveryShape) {
+    const std::string stat14 = " S 7 1 1 0 -1 0 0 0 0 0 3 4 0\n", big(2000, 'n');
+    const struct {
+        std::string stat, status;
+        const char *name, *f4, *f14;  // name null: none found
+        std::string w2;
+        const char *w4, *shortName;
+        int tgid;
+    } rows[] = {
+            {"100 (init)" + stat14, "Name:\tinit\nTgid:\t100\n", "init", "7", "3", "(init)", "7",
+             "init", 100},
+            // Fields follow the last ')'; words shift with the blank, the status name ends at it.
+            {"101 (my a)b)" + stat14, "Name:\tmy a)b\nUmask:\t0022\nTgid:\t5\n", "my a)b", "7", "3",
+             "(my", "S", "my", 5},
+            // A newline in the name ends the words, not the name.
+            {"102 (a\nb)" + stat14, "Name:\ta\\nb\nTgid:\t\n", "a\nb", "7", "3", "(a\n", "",
+             "a\\nb", 0},
+            {"103 (x", "Tgid:\t", nullptr, "", "", "(x", "", nullptr, -1},
+            {"104", "Name:\n\tlate\nTgid:\t104", nullptr, "", "", "", "", nullptr, 104},
+            {"105 (y) S", "Name:\t" + big + "\n", "y", "", "", "(y)", "", big.c_str(), -1},
+            // Each node is read once into 1023 bytes: here the ')' lies beyond them.
+            {"106 (" + big + ")" + stat14, "", nullptr, "", "", "(" + big.substr(0, 1018), "",
+             nullptr, -1},
+    };
+    ProcTree tree;
+    const ProcReader proc(tree.root().c_str());
+    for (size_t i = 0; i < std::size(rows); i++) {
+        const auto& r = rows[i];
+        const int pid = 100 + static_cast<int>(i);
+        SCOPED_TRACE(pid);
+        ASSERT_TRUE(tree.add(pid, 2000 + pid, r.stat) &&
+                    tree.node(std::to_string(pid) + "/status", r.status));
+        ProcStat s, w;
+        ASSERT_EQ(std::min<ssize_t>(r.stat.size(), 1023), s.read(proc, pid));
+        EXPECT_EQ(r.name != nullptr, s.splitAtName());
+        EXPECT_STREQ(r.name ? r.name : "", s.name());
+        EXPECT_STREQ(r.f4, s.field(4));
+        EXPECT_STREQ(r.f14, s.field(14));
+        ASSERT_GE(w.read(proc, pid), 0);
+        w.splitWords();
+        EXPECT_EQ(r.w2, w.word(2));
+        EXPECT_STREQ(r.w4, w.word(4));
+        char shortName[51];
+        ASSERT_EQ(r.shortName != nullptr, proc.statusName(pid, shortName, sizeof(shortName)));
+        if (r.shortName) EXPECT_EQ(std::string(r.shortName).substr(0, 50), shortName);
+        int tgid = 7;
+        EXPECT_TRUE(proc.threadGroupOf(pid, &tgid));
+        EXPECT_EQ(r.tgid, tgid);
+        EXPECT_EQ(uid_t(2000 + pid), proc.ownerOf(pid));
+    }
+    // Gone, and a stat node that cannot be read.
+    char buf[8] = "x";
+    int tgid = 7;
+    EXPECT_TRUE(ProcReader::kOpenFailed == proc.read(999999, "stat", buf, 8) && errno == ENOENT);
+    EXPECT_TRUE(!proc.threadGroupOf(999999, &tgid) && proc.ownerOf(999999) == 0 && buf[0] == 0);
+    ASSERT_TRUE(tree.node("107/stat/"));
+    EXPECT_EQ(ProcReader::kReadFailed, proc.read(107, "stat", buf, sizeof(buf)));
+    // Only names of digits without a leading zero are pids; the walk skips the rest.
+    for (const char* dir : {"self/", "5x/", "007/", "0/", "2147483648/"}) tree.node(dir);
+    const std::pair<const char*, int> names[] = {{"1", 1},
+                                                 {"0", 0},
+                                                 {"007", 0},
+                                                 {"5x", 0},
+                                                 {"-1", 0},
+                                                 {"", 0},
+                                                 {"2147483647", INT_MAX},
+                                                 {"2147483648", 0}};
+    for (const auto& [name, pid] : names) EXPECT_EQ(pid, ProcDir::pidOf(name)) << name;
+    std::vector<int> walked;
+    ProcDir dir(proc);
+    for (const char* e = dir.next(); e != nullptr; e = dir.next()) {
+        if (ProcDir::pidOf(e) != 0) walked.push_back(ProcDir::pidOf(e));
+    }
+    std::sort(walked.begin(), walked.end());
+    EXPECT_EQ(std::vector<int>({100, 101, 102, 103, 104, 105, 106, 107}), walked);
+    // The users over the same tree: the registry and the limiter by words, the parser by name.
+    EXPECT_EQ(101, getPidByName("my", proc));
+    int found = 0;
+    EXPECT_EQ(0, android::sp<ParseProcInfo>(new ParseProcInfo(proc))
+                         ->getPidByNameAndUid("my a)b", 2101, &found));
+    EXPECT_EQ(101, found);
+    android::sp<ProcessLimiter> limiter = new ProcessLimiter(proc);
+    char name[PACKAGE_NAME_SIZE];
+    process p{};
+    EXPECT_TRUE(limiter->getProcName(101, name) == 0 && std::string(name) == "my");
+    EXPECT_TRUE(limiter->readProcessInfo(101, &p) == 0 && p.ppid == 0 &&
+                limiter->getPpidOf(100) == 7);
+    EXPECT_FALSE(limiter->isPidEqualTgid(101) || limiter->isPidEqualTgid(999999));
+}
+
+// The signal that spares a leader its status read decides as the status node would.
+TEST(ProcReader, ThreadGroupCheckOfLeadersThreadsZombiesAndGonePids) {
+    std::atomic<pid_t> tid{0};
+    auto thread = std::async(std::launch::async, [&] {
+        tid = gettid();
+        waitUntil([&] { return tid < 0; }, 10000);
+    });
+    TestChild leader = TestChild::spawn(TestChild::Kind::Sleep);
+    TestChild zombie = TestChild::run([] {});
+    // The leader exits alone; its thread keeps the group alive.
+    TestChild zombieLeader = TestChild::run([] {
+        std::thread([] { pause(); }).detach();
+        syscall(SYS_exit, 0);
+    });
+    TestChild gone = TestChild::spawn(TestChild::Kind::Sleep);
+    const pid_t gonePid = gone.pid();
+    gone.kill();
+    ASSERT_TRUE(waitUntil(
+            [&] {
+                return tid > 0 && procState(zombie.pid()) == 'Z' &&
+                       procState(zombieLeader.pid()) == 'Z';
+            },
+            3000));
+    android::sp<CountingFiles> fast = new CountingFiles(true), slow = new CountingFiles(false);
+    const ProcReader fastProc(fast), slowProc(slow);
+    // pid, thread-group id (-1: no status node), status reads on the fast path
+    const int rows[][3] = {{leader.pid(), leader.pid(), 0},
+                           {zombie.pid(), zombie.pid(), 0},
+                           {zombieLeader.pid(), zombieLeader.pid(), 0},
+                           {tid.load(), getpid(), 1},
+                           {gonePid, -1, 1}};
+    for (const auto& r : rows) {
+        int fastTgid = 0, slowTgid = 0, opens = fast->opens;
+        EXPECT_EQ(r[1] != -1, fastProc.threadGroupOf(r[0], &fastTgid)) << r[0];
+        EXPECT_EQ(r[1] != -1, slowProc.threadGroupOf(r[0], &slowTgid)) << r[0];
+        EXPECT_TRUE(r[1] == fastTgid && r[1] == slowTgid && r[1] == Freezer::getTgid(r[0])) << r[0];
+        EXPECT_EQ(r[2], fast->opens - opens) << r[0];
+    }
+    tid = -1;
+}
