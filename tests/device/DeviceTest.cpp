@@ -55,8 +55,8 @@ TEST(Device, GeneratedInterfacesKeepTheWireCodes) {
               codes);
 }
 
-// Android.bp compiles what the CMake build compiles into each daemon module, and names only
-// files that exist.
+// Android.bp compiles what the CMake build compiles into each daemon module (found by bpfmt's
+// layout: the name first, lists one level in), and names only files that exist.
 TEST(Device, BuildFileCompilesWhatTheBuildCompilesAndNamesOnlyFilesThatExist) {
     const std::string root = QMED_SOURCE_DIR "/",
                       bp = qmedtest::readFile(root + "device/Android.bp");
@@ -70,7 +70,6 @@ TEST(Device, BuildFileCompilesWhatTheBuildCompilesAndNamesOnlyFilesThatExist) {
     }
     ASSERT_EQ(3u, built.size());
     for (const auto& [module, sources] : built) {
-        // bpfmt's layout: the module's name first, its lists one level in.
         const auto srcs =
                 matches(bp, "\n    name: \"" + module + "\",\n[^}]*?\n    srcs: \\[([^\\]]*)\\]");
         const auto listed = matches(srcs.empty() ? "" : srcs[0], R"re("([^"]+)")re");
@@ -78,9 +77,8 @@ TEST(Device, BuildFileCompilesWhatTheBuildCompilesAndNamesOnlyFilesThatExist) {
     }
     const std::string named =
             std::regex_replace(bp, std::regex(R"((//[^\n]*|\bout: \[[^\]]*\]))"), "");
-    for (const std::string& f : matches(named, R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re")) {
+    for (const std::string& f : matches(named, R"re("([A-Za-z0-9_./-]+\.(cpp|h|rc))")re"))
         EXPECT_TRUE(std::filesystem::exists(root + f)) << f;
-    }
 }
 
 // The loop's age is taken in microseconds as an unsigned 32-bit value, so it wraps after
