@@ -34,54 +34,41 @@ struct CountingFiles : ProcFiles {
 }  // namespace
 
 // Process 100 + i has the row's stat and status nodes; the reader takes every shape one way.
+// Views: the name ("!": none) with fields 4 and 14; words 2 and 4; the status name and tgid.
 TEST(ProcReader, CannedNodesOfEveryShape) {
     const std::string stat14 = " S 7 1 1 0 -1 0 0 0 0 0 3 4 0\n", big(2000, 'n');
-    const struct {
-        std::string stat, status;
-        const char *name, *f4, *f14;  // name null: none found
-        std::string w2;
-        const char *w4, *shortName;
-        int tgid;
-    } rows[] = {
-            {"100 (init)" + stat14, "Name:\tinit\nTgid:\t100\n", "init", "7", "3", "(init)", "7",
-             "init", 100},
+    const std::string rows[][5] = {
+            {"100 (init)" + stat14, "Name:\tinit\nTgid:\t100\n", "init|7|3", "(init)|7",
+             "init|100"},
             // Fields follow the last ')'; words shift with the blank, the status name ends at it.
-            {"101 (my a)b)" + stat14, "Name:\tmy a)b\nUmask:\t0022\nTgid:\t5\n", "my a)b", "7", "3",
-             "(my", "S", "my", 5},
+            {"101 (my a)b)" + stat14, "Name:\tmy a)b\nTgid:\t5\n", "my a)b|7|3", "(my|S", "my|5"},
             // A newline in the name ends the words, not the name.
-            {"102 (a\nb)" + stat14, "Name:\ta\\nb\nTgid:\t\n", "a\nb", "7", "3", "(a\n", "",
-             "a\\nb", 0},
-            {"103 (x", "Tgid:\t", nullptr, "", "", "(x", "", nullptr, -1},
-            {"104", "Name:\n\tlate\nTgid:\t104", nullptr, "", "", "", "", nullptr, 104},
-            {"105 (y) S", "Name:\t" + big + "\n", "y", "", "", "(y)", "", big.c_str(), -1},
+            {"102 (a\nb)" + stat14, "Name:\ta\\nb\nTgid:\t\n", "a\nb|7|3", "(a\n|", "a\\nb|0"},
+            {"103 (x", "Tgid:\t", "!||", "(x|", "!|-1"},
+            {"104", "Name:\n\tlate\nTgid:\t104", "!||", "|", "!|104"},
+            {"105 (y) S", "Name:\t" + big + "\n", "y||", "(y)|", big.substr(0, 50) + "|-1"},
             // Each node is read once into 1023 bytes: here the ')' lies beyond them.
-            {"106 (" + big + ")" + stat14, "", nullptr, "", "", "(" + big.substr(0, 1018), "",
-             nullptr, -1},
+            {"106 (" + big + ")" + stat14, "", "!||", "(" + big.substr(0, 1018) + "|", "!|-1"},
     };
     ProcTree tree;
     const ProcReader proc(tree.root().c_str());
-    for (size_t i = 0; i < std::size(rows); i++) {
-        const auto& r = rows[i];
-        const int pid = 100 + static_cast<int>(i);
+    for (int pid = 100; pid < 100 + static_cast<int>(std::size(rows)); pid++) {
+        const std::string* r = rows[pid - 100];
         SCOPED_TRACE(pid);
-        ASSERT_TRUE(tree.add(pid, 2000 + pid, r.stat) &&
-                    tree.node(std::to_string(pid) + "/status", r.status));
+        ASSERT_TRUE(tree.add(pid, 2000 + pid, r[0]) &&
+                    tree.node(std::to_string(pid) + "/status", r[1]));
         ProcStat s, w;
-        ASSERT_EQ(std::min<ssize_t>(r.stat.size(), 1023), s.read(proc, pid));
-        EXPECT_EQ(r.name != nullptr, s.splitAtName());
-        EXPECT_STREQ(r.name ? r.name : "", s.name());
-        EXPECT_STREQ(r.f4, s.field(4));
-        EXPECT_STREQ(r.f14, s.field(14));
+        ASSERT_EQ(std::min<ssize_t>(r[0].size(), 1023), s.read(proc, pid));
         ASSERT_GE(w.read(proc, pid), 0);
         w.splitWords();
-        EXPECT_EQ(r.w2, w.word(2));
-        EXPECT_STREQ(r.w4, w.word(4));
+        const std::string name = s.splitAtName() ? s.name() : "!";
+        EXPECT_EQ(r[2], name + "|" + s.field(4) + "|" + s.field(14));
+        EXPECT_EQ(r[3], std::string(w.word(2)) + "|" + w.word(4));
         char shortName[51];
-        ASSERT_EQ(r.shortName != nullptr, proc.statusName(pid, shortName, sizeof(shortName)));
-        if (r.shortName) EXPECT_EQ(std::string(r.shortName).substr(0, 50), shortName);
         int tgid = 7;
         EXPECT_TRUE(proc.threadGroupOf(pid, &tgid));
-        EXPECT_EQ(r.tgid, tgid);
+        EXPECT_EQ(r[4], std::string(proc.statusName(pid, shortName, 51) ? shortName : "!") + "|" +
+                                std::to_string(tgid));
         EXPECT_EQ(uid_t(2000 + pid), proc.ownerOf(pid));
     }
     // Gone, and a stat node that cannot be read.
@@ -91,24 +78,17 @@ TEST(ProcReader, CannedNodesOfEveryShape) {
     EXPECT_TRUE(!proc.threadGroupOf(999999, &tgid) && proc.ownerOf(999999) == 0 && buf[0] == 0);
     ASSERT_TRUE(tree.node("107/stat/"));
     EXPECT_EQ(ProcReader::kReadFailed, proc.read(107, "stat", buf, sizeof(buf)));
-    // Only names of digits without a leading zero are pids; the walk skips the rest.
-    for (const char* dir : {"self/", "5x/", "007/", "0/", "2147483648/"}) tree.node(dir);
-    const std::pair<const char*, int> names[] = {{"1", 1},
-                                                 {"0", 0},
-                                                 {"007", 0},
-                                                 {"5x", 0},
-                                                 {"-1", 0},
-                                                 {"", 0},
-                                                 {"2147483647", INT_MAX},
-                                                 {"2147483648", 0}};
-    for (const auto& [name, pid] : names) EXPECT_EQ(pid, ProcDir::pidOf(name)) << name;
+    // Only names of digits without a leading zero, up to INT_MAX, are pids.
+    for (const char* d : {"self/", "5x/", "007/", "0/", "-1/", "2147483648/", "2147483647/"}) {
+        tree.node(d);
+    }
     std::vector<int> walked;
     ProcDir dir(proc);
     for (const char* e = dir.next(); e != nullptr; e = dir.next()) {
         if (ProcDir::pidOf(e) != 0) walked.push_back(ProcDir::pidOf(e));
     }
     std::sort(walked.begin(), walked.end());
-    EXPECT_EQ(std::vector<int>({100, 101, 102, 103, 104, 105, 106, 107}), walked);
+    EXPECT_EQ(std::vector<int>({100, 101, 102, 103, 104, 105, 106, 107, INT_MAX}), walked);
     // The users over the same tree: the registry and the limiter by words, the parser by name.
     EXPECT_EQ(101, getPidByName("my", proc));
     int found = 0;
