@@ -13,7 +13,8 @@
 #
 # Environment: QMED_FUZZ_BUILD (build dir, default build/fuzz), QMED_JOBS (build
 # parallelism, default 2), QMED_FUZZ_ARGS (extra libFuzzer flags), QMED_FUZZ_NICE (default 10),
-# QMED_BUILD_LOCK (a file held with flock(1) while building, for build dirs others share).
+# QMED_BUILD_LOCK (a file held with flock(1) while building, for build dirs others share),
+# QMED_FUZZ_SANDBOX (0: no namespaces even as root).
 #
 # As root every target runs in private mount, pid and network namespaces with its own
 # /proc: the service target's operations then reach only the fuzzer's own processes and
@@ -35,7 +36,7 @@ while getopts "t:n:u:j:mb" opt; do
         j) parallel=$OPTARG ;;
         m) merge=1 ;;
         b) buildOnly=1 ;;
-        *) sed -n '2,21p' "$0"; exit 2 ;;
+        *) sed -n '2,22p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
@@ -59,7 +60,7 @@ for t in $targets; do fuzzers+=("${t}_fuzzer"); done
 [ "$buildOnly" = 1 ] && exit 0
 
 sandbox=()
-if [ "$(id -u)" = 0 ] && unshare -m -p -f -n --mount-proc true 2>/dev/null; then
+if [ "${QMED_FUZZ_SANDBOX:-1}" != 0 ] && [ "$(id -u)" = 0 ] && unshare -m -p -f -n --mount-proc true 2>/dev/null; then
     sandbox=(unshare -m -p -f -n --mount-proc)
 fi
 commit=$(git rev-parse --short HEAD 2>/dev/null || echo unknown)
