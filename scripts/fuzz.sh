@@ -2,13 +2,14 @@
 # Builds the libFuzzer targets with clang and runs them, then prints per target the
 # executions, time, executions per second and findings. A finding fails the command.
 #
-#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-u TIME] [-j JOBS] [-m] [-b] [TARGET...]
+#   scripts/fuzz.sh [-t SECONDS] [-n RUNS] [-u TIME] [-j JOBS] [-m] [-b|-r] [TARGET...]
 #     -t  time per target (default 60, or no limit when -n is given; 0: no limit)
 #     -n  executions per target (default: no limit)
 #     -u  stop every target by this time (any date(1) -d form, e.g. 14:45); later ones don't start
 #     -j  targets run at once (default 1)
 #     -m  merge new interesting inputs back into fuzz/corpus/<target>/
 #     -b  build only
+#     -r  run only, with the binaries already built
 #   targets: parcel service hub sockdiag proc (default: all)
 #
 # Environment: QMED_FUZZ_BUILD (build dir, default build/fuzz), QMED_JOBS (build
@@ -28,7 +29,8 @@ until=0
 parallel=1
 merge=0
 buildOnly=0
-while getopts "t:n:u:j:mb" opt; do
+runOnly=0
+while getopts "t:n:u:j:mbr" opt; do
     case "$opt" in
         t) seconds=$OPTARG ;;
         n) runs=$OPTARG ;;
@@ -36,7 +38,8 @@ while getopts "t:n:u:j:mb" opt; do
         j) parallel=$OPTARG ;;
         m) merge=1 ;;
         b) buildOnly=1 ;;
-        *) sed -n '2,22p' "$0"; exit 2 ;;
+        r) runOnly=1 ;;
+        *) sed -n '2,23p' "$0"; exit 2 ;;
     esac
 done
 shift $((OPTIND - 1))
@@ -49,14 +52,16 @@ flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefin
 flags="$flags -fno-omit-frame-pointer -g -O1"
 lock=()
 [ -n "${QMED_BUILD_LOCK:-}" ] && lock=(flock "$QMED_BUILD_LOCK")
-"${lock[@]}" cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-    -DQMED_BUILD_FUZZ=ON -DQMED_BUILD_BENCH=OFF \
-    -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
-    -DCMAKE_C_FLAGS_RELWITHDEBINFO= -DCMAKE_CXX_FLAGS_RELWITHDEBINFO= >/dev/null
 fuzzers=()
 for t in $targets; do fuzzers+=("${t}_fuzzer"); done
-"${lock[@]}" cmake --build "$build" -j "$jobs" --target "${fuzzers[@]}"
+if [ "$runOnly" = 0 ]; then
+    "${lock[@]}" cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -DQMED_BUILD_FUZZ=ON -DQMED_BUILD_BENCH=OFF \
+        -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" \
+        -DCMAKE_C_FLAGS_RELWITHDEBINFO= -DCMAKE_CXX_FLAGS_RELWITHDEBINFO= >/dev/null
+    "${lock[@]}" cmake --build "$build" -j "$jobs" --target "${fuzzers[@]}"
+fi
 [ "$buildOnly" = 1 ] && exit 0
 
 sandbox=()
