@@ -18,6 +18,7 @@ using android::String8;
 
 GroupPool::GroupPool(unsigned int size, String8 root, String8 randomSource)
     : mGroupCount(0), mPoolSize(size), mRoot(root), mRandomSource(randomSource) {
+    mFirstFree = {mGroups.begin(), 0};
     CGroup::initCGroup(mRoot);
     clearGroups();
 }
@@ -73,6 +74,10 @@ bool GroupPool::addGroup(sp<CGroup> group) {
         return false;
     }
     mGroups.push_back(group);
+    Position added = {mGroups.end(), mPositions.size()};
+    --added.slot;
+    mPositions[group.get()] = added;
+    if (mFirstFree.slot == mGroups.end()) mFirstFree = added;
     return true;
 }
 
@@ -134,11 +139,12 @@ String8 GroupPool::getRandomString() {
 
 sp<CGroup> GroupPool::getGroup() {
     Mutex::Autolock lock(mLock);
-    for (auto it = mGroups.begin(); it != mGroups.end(); ++it) {
-        if (!(*it)->isUsed()) {
-            (*it)->setUsed(true);
+    for (Position p = mFirstFree; p.slot != mGroups.end(); ++p.slot, ++p.index) {
+        if (!(*p.slot)->isUsed()) {
+            (*p.slot)->setUsed(true);
+            mFirstFree = {++Slot(p.slot), p.index + 1};
             if (bDebug) ALOGD("use free group");
-            return *it;
+            return *p.slot;
         }
     }
     sp<CGroup> group = createGroup();
@@ -148,6 +154,7 @@ sp<CGroup> GroupPool::getGroup() {
     }
     addGroup(group);
     group->setUsed(true);
+    mFirstFree = {mGroups.end(), mPositions.size()};
     return group;
 }
 
@@ -157,13 +164,13 @@ void GroupPool::putGroup(sp<CGroup> group) {
         return;
     }
     Mutex::Autolock lock(mLock);
-    for (auto it = mGroups.begin(); it != mGroups.end(); ++it) {
-        if (it->get() == group.get()) {
-            (*it)->setUsed(false);
-            return;
-        }
+    auto found = mPositions.find(group.get());
+    if (found == mPositions.end()) {
+        if (bDebug) ALOGD("Cgroup is not found");
+        return;
     }
-    if (bDebug) ALOGD("Cgroup is not found");
+    group->setUsed(false);
+    if (found->second.index < mFirstFree.index) mFirstFree = found->second;
 }
 
 void GroupPool::deleteGroupPool() {
@@ -173,6 +180,8 @@ void GroupPool::deleteGroupPool() {
         deleteGroup(*it);
         mGroups.erase(it);
     }
+    mPositions.clear();
+    mFirstFree = {mGroups.begin(), 0};
     mGroupCount = 0;
 }
 

@@ -5,6 +5,8 @@
 #include <utils/RefBase.h>
 #include <utils/String8.h>
 
+#include <unordered_map>
+
 #include "freezer/CGroup.h"
 
 // Pool of pre-created, uniquely named freezer groups, handed out one per frozen process.
@@ -42,7 +44,17 @@ class GroupPool : public android::RefBase {
     bool isNameAvailable(android::String8 name);
     android::String8 getRandomString();
 
+    typedef android::List<android::sp<CGroup>>::iterator Slot;
+    struct Position {
+        Slot slot;
+        size_t index;  // creation order
+    };
+
     android::List<android::sp<CGroup>> mGroups;
+    // Every group before mFirstFree is handed out, and each group's place in mGroups is known:
+    // handing out and taking back cost the same with 800 groups as with 20.
+    Position mFirstFree;
+    std::unordered_map<const CGroup*, Position> mPositions;
     android::Mutex mLock;
     uint32_t mGroupCount;
     uint32_t mPoolSize;
