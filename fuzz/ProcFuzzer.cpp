@@ -32,7 +32,11 @@ const uid_t kOwners[] = {0, 1000, 10000, 2000};
 
 class MemoryProc : public ProcFiles {
   public:
-    MemoryProc() : ProcFiles("/fuzz/proc") {}
+    // Empty until the first input: the limiter walks the tree while it is built.
+    MemoryProc()
+        : ProcFiles("/fuzz/proc"),
+          mNodes(kDirCount * kFileCount),
+          mPresent(kDirCount * kFileCount, false) {}
 
     void load(std::vector<std::vector<uint8_t>> nodes, std::vector<bool> present, uint8_t owners,
               uint8_t faults) {
@@ -153,7 +157,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         nodes[slot] = in.chunk(4096);
         present[slot] = true;
     }
-    // Read and close failures (flag values 4 and 16) only when asked, so most inputs reach the parsers.
+    // Read and close failures (flag values 4 and 16) only when asked, so most inputs reach the
+    // parsers.
     sFiles->load(std::move(nodes), std::move(present), owners, (flags & 0x80) ? flags : flags & 8);
     const ProcReader proc(sFiles);
 
