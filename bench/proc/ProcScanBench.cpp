@@ -45,7 +45,7 @@ void runSize(int children, int rounds) {
             char name[32];
             snprintf(name, sizeof(name), "qmbench%d", i);
             prctl(PR_SET_NAME, name);
-            // A little work so that some children carry a non-zero CPU time.
+            // A little work: a few children reach a tick of CPU time and get a record.
             volatile unsigned long x = 0;
             for (unsigned long k = 0; k < 200000; k++) x = x + k;
             for (;;) pause();
