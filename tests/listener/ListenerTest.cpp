@@ -23,27 +23,14 @@ namespace {
 
 const char* kName = "com.vantor.quartzmind.integration.adapter.qmed.IQmedBinderListener";
 
-// Request bytes in the platform's layout, built by hand.
-struct W {
-    W& i32(int32_t v) { return raw(&v, 4); }
-    W& raw(const void* p, size_t n) {
-        b.insert(b.end(), static_cast<const uint8_t*>(p), static_cast<const uint8_t*>(p) + n);
-        b.resize((b.size() + 3) & ~size_t(3), 0);
-        return *this;
-    }
-    W& str16(const std::string& ascii) {
-        std::u16string s(ascii.begin(), ascii.end());
-        return i32(static_cast<int32_t>(s.size())).raw(s.c_str(), (s.size() + 1) * 2);
-    }
-    W& token() {  // strict-mode word with the gather bit, unset work source, 'SYST', name
-        return i32(INT_MIN).i32(-1).i32(0x53595354).str16(kName);
-    }
-    W& fd(int f) {  // as the platform flattens it, left open for the caller
-        android::Parcel p;
-        p.writeFileDescriptor(f, false);
-        return raw(p.data(), p.dataSize());
-    }
-    Bytes b;
+// The request a listener receives: the interface token, then what follows.
+struct W : android::Parcel {
+    W() { writeInterfaceToken(android::String16(kName)); }
+    W& i32(int32_t v) { return writeInt32(v), *this; }
+    W& raw(const void* p, size_t n) { return write(p, n), *this; }
+    W& str16(const char* s) { return writeString16(android::String16(s)), *this; }
+    W& fd(int f) { return writeFileDescriptor(f, false), *this; }
+    Bytes b() const { return Bytes(data(), data() + dataSize()); }
 };
 
 Message kstateMsg(const Bytes& p) {
@@ -94,10 +81,9 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
     }
     Bytes words = payload;  // a 22-byte event travels as 22 words: the payload, then zeros
     words.resize(88, 0);
-    const RecordingBinder::Call k{1, W().token().i32(22).i32(22).raw(words.data(), 88).b},
-            p{2, W().token().i32(2).i32(2).i32(4).i32(-5).b},
-            r{3, W().token().i32(99).str16("tgid_error").b},
-            d{100, W().token().fd(2).i32(1).str16("debug").b};
+    const RecordingBinder::Call k{1, W().i32(22).i32(22).raw(words.data(), 88).b()},
+            p{2, W().i32(2).i32(2).i32(4).i32(-5).b()}, r{3, W().i32(99).str16("tgid_error").b()},
+            d{100, W().fd(2).i32(1).str16("debug").b()};
     const std::vector<RecordingBinder::Call> want[5] = {{k}, {p}, {r}, {d}, {k, p, r, d}};
     for (int i = 0; i < 5; i++) EXPECT_EQ(want[i], l[i]->calls()) << i;
     // Removal: a death notice takes only the dead binder; an empty reference matches only

@@ -29,6 +29,9 @@ const std::string kToKernel = "100000000000000000000000";
 std::string str(const Bytes& b) {
     return std::string(b.begin(), b.end());
 }
+std::string hexOf(const Bytes& b) {
+    return FakeSockets::hex(b.data(), b.size());
+}
 
 TEST(TlvEncDec, WritesFourHostOrderWordsOnlyWhereTheyFit) {
     const Bytes golden = tlvMessage(5, 6, 7, 0x01020304);
@@ -92,8 +95,8 @@ TEST(ChannelNetlink, ModuleExchangeByteForByte) {
     ASSERT_EQ(0, kstate->binderListener(new IQmedBinderListenerService(nullptr, nullptr)));
     qmed::host::LogCapture log;
     bDebug = true;  // the bridge shows what it passes on, and the channel what it sends
-    EXPECT_EQ(-1, kstate->setMask(5, 0));  // no module yet
     ASSERT_EQ(0, hub->add(new ChannelNetlink(os)));
+    EXPECT_EQ(-1, kstate->setMask(5, 0));  // not identified yet: no module
     EXPECT_EQ(os.calls, Ids({"socket 0 16 3 30", "bind 0 10000000" + pid + "00000000",
                              "sendmsg 0 " + kToKernel}));
     EXPECT_EQ(os.sent(0),

@@ -7,14 +7,6 @@
 
 namespace qmedtest {
 
-static std::vector<std::string> toolArgv(const std::string& tool,
-                                         const std::vector<std::string>& args) {
-    std::vector<std::string> argv = emulatorPrefix();
-    argv.push_back(toolPath(tool));
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
 Daemon::Daemon(DaemonOptions opts) : mOpts(std::move(opts)) {
     static std::atomic<int> counter{0};
     const char* base = getenv("BINDER_HOST_NS");
@@ -32,13 +24,12 @@ Daemon::~Daemon() {
     if (!getenv("QMED_KEEP_LOGS") && mWorkDir != "/tmp") runCommand({"rm", "-rf", mWorkDir});
 }
 
-bool Daemon::startSimulator(const std::vector<std::string>& serveArgs) {
+bool Daemon::startSimulator() {
     if (mSim) return true;
     unlink(simulatorSocket().c_str());
     unlink(simulatorCtl().c_str());
     std::vector<std::string> args = {"serve",        "--sock", simulatorSocket(),        "--ctl",
                                      simulatorCtl(), "--log",  mWorkDir + "/kmodsim.log"};
-    args.insert(args.end(), serveArgs.begin(), serveArgs.end());
     mSim = std::make_unique<BackgroundTool>("kmodsim", args);
     return waitUntil([&] { return access(simulatorCtl().c_str(), F_OK) == 0; }, 5000);
 }
@@ -74,12 +65,6 @@ bool Daemon::start(int timeoutMs) {
                (r.find("found") != std::string::npos && r.find("not found") == r.npos);
     };
     return !mOpts.waitForService || (waitUntil(answers, timeoutMs) && running());
-}
-
-size_t countOf(const std::string& hay, const std::string& text) {
-    size_t n = 0;
-    for (size_t at = hay.find(text); at != std::string::npos; at = hay.find(text, at + 1)) ++n;
-    return n;
 }
 
 BackgroundTool::BackgroundTool(const std::string& tool, const std::vector<std::string>& args,

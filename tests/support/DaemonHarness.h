@@ -13,7 +13,11 @@
 namespace qmedtest {
 
 // Occurrences of text in hay; listener output holds one event a line.
-size_t countOf(const std::string& hay, const std::string& text);
+inline size_t countOf(const std::string& hay, const std::string& text) {
+    size_t n = 0;
+    for (size_t at = hay.find(text); at != std::string::npos; at = hay.find(text, at + 1)) ++n;
+    return n;
+}
 
 // A build/bin tool running in the background (e.g. `qmedctl listen 1`), its
 // stdout and stderr collected in a memory file.
@@ -96,7 +100,7 @@ class Daemon {
 
     // Kernel-module simulator: started by start() before the daemon, kept across
     // restarts. kmodsim() runs one control command (tools/kmodsim/README.md).
-    bool startSimulator(const std::vector<std::string>& serveArgs = {});
+    bool startSimulator();
     void stopSimulator() { mSim.reset(); }
     ToolResult kmodsim(const std::vector<std::string>& args) const {
         std::vector<std::string> a = {"--ctl", simulatorCtl()};

@@ -37,12 +37,6 @@ inline Bytes eventPayload(int kind, const std::string& text) {
     return p;
 }
 
-inline std::string hexOf(const Bytes& v) {
-    std::string s;
-    for (uint8_t x : v) s += std::string{"0123456789abcdef"[x >> 4], "0123456789abcdef"[x & 15]};
-    return s;
-}
-
 // A binder that keeps every transaction; a listener proxy over it shows the request bytes
 // a listener process would receive.
 struct RecordingBinder : android::BBinder {

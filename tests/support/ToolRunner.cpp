@@ -20,8 +20,6 @@
 namespace qmedtest {
 
 std::string binDir() {
-    const char* env = getenv("QMED_BIN_DIR");
-    if (env && *env) return env;
     char buf[PATH_MAX] = {};
     ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
     std::string p(buf, n > 0 ? n : 0);
@@ -69,7 +67,7 @@ bool reapWithin(pid_t& pid, int timeoutMs, int* status) {
     return true;
 }
 
-static ToolResult spawnAndCollect(const std::vector<std::string>& argv, const RunOptions& opts) {
+ToolResult runCommand(const std::vector<std::string>& argv, const RunOptions& opts) {
     // Output goes to memory files: a tool's lingering child cannot hold the result back.
     int o = memfd_create("out", MFD_CLOEXEC), e = memfd_create("err", MFD_CLOEXEC), st = 0;
     pid_t pid = o < 0 || e < 0 ? -1 : forkExec(argv, opts, o, e);
@@ -94,16 +92,16 @@ static ToolResult spawnAndCollect(const std::vector<std::string>& argv, const Ru
     return r;
 }
 
-ToolResult runTool(const std::string& tool, const std::vector<std::string>& args,
-                   const RunOptions& opts) {
+std::vector<std::string> toolArgv(const std::string& tool, const std::vector<std::string>& args) {
     std::vector<std::string> argv = emulatorPrefix();
     argv.push_back(toolPath(tool));
     argv.insert(argv.end(), args.begin(), args.end());
-    return spawnAndCollect(argv, opts);
+    return argv;
 }
 
-ToolResult runCommand(const std::vector<std::string>& argv, const RunOptions& opts) {
-    return spawnAndCollect(argv, opts);
+ToolResult runTool(const std::string& tool, const std::vector<std::string>& args,
+                   const RunOptions& opts) {
+    return runCommand(toolArgv(tool, args), opts);
 }
 
 std::string readFile(const std::string& path) {

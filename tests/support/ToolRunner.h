@@ -14,6 +14,8 @@ std::string binDir();  // the build's executables: the test binary's own folder
 std::string toolPath(const std::string& name);  // absolute path of a build/bin tool
 // Prefix for spawned build executables, env QMED_EMULATOR (e.g. "qemu-arm -L /x").
 std::vector<std::string> emulatorPrefix();
+// The command line of a build/bin tool: the emulator prefix, its path, args.
+std::vector<std::string> toolArgv(const std::string& tool, const std::vector<std::string>& args);
 
 struct ToolResult {
     int exitCode = -1;  // exit status, or 128 + signal
