@@ -79,22 +79,19 @@ TEST(ProcReader, CannedNodesOfEveryShape) {
     ASSERT_TRUE(tree.node("107/stat/"));
     EXPECT_EQ(ProcReader::kReadFailed, proc.read(107, "stat", buf, sizeof(buf)));
     // Only names of digits without a leading zero, up to INT_MAX, are pids.
-    for (const char* d : {"self/", "5x/", "007/", "0/", "-1/", "2147483648/", "2147483647/"}) {
-        tree.node(d);
-    }
+    for (auto d : {"self/", "5x/", "07/", "0/", "-1/", "2147483648/", "2147483647/"}) tree.node(d);
     std::vector<int> walked;
     ProcDir dir(proc);
-    for (const char* e = dir.next(); e != nullptr; e = dir.next()) {
-        if (ProcDir::pidOf(e) != 0) walked.push_back(ProcDir::pidOf(e));
+    for (const char* e; (e = dir.next()) != nullptr;) {
+        if (int pid = ProcDir::pidOf(e)) walked.push_back(pid);
     }
     std::sort(walked.begin(), walked.end());
     EXPECT_EQ(std::vector<int>({100, 101, 102, 103, 104, 105, 106, 107, INT_MAX}), walked);
     // The users over the same tree: the registry and the limiter by words, the parser by name.
     EXPECT_EQ(101, getPidByName("my", proc));
     int found = 0;
-    EXPECT_EQ(0, android::sp<ParseProcInfo>(new ParseProcInfo(proc))
-                         ->getPidByNameAndUid("my a)b", 2101, &found));
-    EXPECT_EQ(101, found);
+    android::sp<ParseProcInfo> parser = new ParseProcInfo(proc);
+    EXPECT_TRUE(parser->getPidByNameAndUid("my a)b", 2101, &found) == 0 && found == 101);
     android::sp<ProcessLimiter> limiter = new ProcessLimiter(proc);
     char name[PACKAGE_NAME_SIZE];
     process p{};
@@ -121,12 +118,8 @@ TEST(ProcReader, ThreadGroupCheckOfLeadersThreadsZombiesAndGonePids) {
     TestChild gone = TestChild::spawn(TestChild::Kind::Sleep);
     const pid_t gonePid = gone.pid();
     gone.kill();
-    ASSERT_TRUE(waitUntil(
-            [&] {
-                return tid > 0 && procState(zombie.pid()) == 'Z' &&
-                       procState(zombieLeader.pid()) == 'Z';
-            },
-            3000));
+    ASSERT_TRUE(waitUntil([&] { return tid > 0 && procState(zombie.pid()) == 'Z'; }, 3000));
+    ASSERT_TRUE(waitUntil([&] { return procState(zombieLeader.pid()) == 'Z'; }, 3000));
     android::sp<CountingFiles> fast = new CountingFiles(true), slow = new CountingFiles(false);
     const ProcReader fastProc(fast), slowProc(slow);
     // pid, thread-group id (-1: no status node), status reads on the fast path
