@@ -32,11 +32,10 @@ class ProcTree {
                (!cmdline || writeFile(dir + "/cmdline", *cmdline)) &&
                (uid == 0 || chown(dir.c_str(), uid, uid) == 0);
     }
-    // Writes root/path, making its folder first; a path ending in '/' makes a folder only.
+    // Writes root/path after making its folder; a path ending in '/' makes a folder only.
     bool node(const std::string& path, const std::string& text = "") const {
-        std::string full = mRoot + "/" + path, dir = full.substr(0, full.rfind('/'));
-        runCommand({"mkdir", "-p", dir});
-        return full.back() == '/' || writeFile(full, text);
+        runCommand({"mkdir", "-p", mRoot + "/" + path.substr(0, path.rfind('/'))});
+        return path.back() == '/' || writeFile(mRoot + "/" + path, text);
     }
     const std::string& root() const { return mRoot; }
 
