@@ -89,6 +89,7 @@ ProcessLimiter::ProcessLimiter(const ProcReader& proc)
       mLoopRunning(false),
       mCpuCount(1),
       mCycle(0),
+      mLoopAccepting(false),
       mOwnerCount(0),
       mCommandsWaiting(0),
       mProc(proc),
@@ -111,6 +112,7 @@ ProcessLimiter::~ProcessLimiter() {
         free(mGroups);
     }
     if (mSelfGroup != nullptr) closeProcessGroup(mSelfGroup);
+    for (processGroup* g : mQueuedGroups) closeProcessGroup(g);
 }
 
 void ProcessLimiter::initProcessLimiter() {
@@ -564,10 +566,14 @@ void ProcessLimiter::spearLoop() {
     mLock.unlock();
     mCycle = 0;
     increasePriority();
+    {
+        Mutex::Autolock _l(mOwnersLock);
+        mLoopAccepting = true;
+    }
 
     mLock.lock();
     updateLimiterGroup();
-    int n = mGroups->count;
+    int n = groupsLeftForLoop();
     mLock.unlock();
     bool listError = false;
     while (n != 0) {
@@ -591,6 +597,10 @@ int ProcessLimiter::spearCycle() {
         ALOGE("List head is NULL, but list count not zero, Memory leak risk! End Sr loop!\n");
         clearList(mGroups);
         publishOwners();
+        {
+            Mutex::Autolock _l(mOwnersLock);
+            mLoopAccepting = false;
+        }
         mLock.unlock();
         return -1;
     }
@@ -638,13 +648,28 @@ int ProcessLimiter::spearCycle() {
     yieldToCommands();
     mLock.lock();
     updateLimiterGroup();
-    int n = mGroups->count;
+    int n = groupsLeftForLoop();
     mLock.unlock();
     return n;
 }
 
+int ProcessLimiter::groupsLeftForLoop() {
+    for (;;) {
+        if (mGroups->count != 0) return mGroups->count;
+        {
+            // Under the same lock as the queue: an add either sees the loop going or is placed.
+            Mutex::Autolock _l(mOwnersLock);
+            if (mQueuedGroups.empty()) {
+                mLoopAccepting = false;
+                return 0;
+            }
+        }
+        applyQueued();
+    }
+}
+
 void ProcessLimiter::updateLimiterGroup() {
-    applyQueuedRates();
+    applyQueued();
     float prevRate = 0.0f;
     bool unsorted = false;
     int32_t cycle = mCycle;
@@ -872,7 +897,13 @@ processGroup* ProcessLimiter::findGroup(int pid) {
 
 int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeChildren) {
     if (!isPidEqualTgid(pid)) return -5;
-    lockForCommand();
+    if (mLock.tryLock() == android::NO_ERROR) {
+        applyQueued();
+    } else {
+        int queued = queueGroup(pid, rate, type, includeChildren);
+        if (queued >= 0) return queued;
+        lockForCommand();
+    }
     if (mGroups->count >= MAX_GROUPS) {
         ALOGW("Too much need to Sr, ignore this!\n");
         mLock.unlock();
@@ -914,7 +945,7 @@ int ProcessLimiter::changeParam(int pid, int rate) {
         }
     }
     if (!locked) lockForCommand();
-    applyQueuedRates();
+    applyQueued();
     setTargetRate(pid, r);
     mLock.unlock();
     return 0;
@@ -927,14 +958,52 @@ void ProcessLimiter::setTargetRate(int pid, float rate) {
     g->targetRate = rate;
 }
 
-void ProcessLimiter::applyQueuedRates() {
-    std::vector<QueuedRate> queued;
+void ProcessLimiter::applyQueued() {
+    std::vector<processGroup*> groups;
+    std::vector<QueuedRate> rates;
     {
         Mutex::Autolock _l(mOwnersLock);
-        if (mQueuedRates.empty()) return;
-        queued.swap(mQueuedRates);
+        if (mQueuedGroups.empty() && mQueuedRates.empty()) return;
+        groups.swap(mQueuedGroups);
+        rates.swap(mQueuedRates);
     }
-    for (const QueuedRate& q : queued) setTargetRate(q.pid, q.rate);
+    for (processGroup* g : groups) {
+        addElem(mGroups, g);
+        reportQmedState();
+    }
+    if (!groups.empty()) publishOwners();
+    for (const QueuedRate& q : rates) setTargetRate(q.pid, q.rate);
+}
+
+int ProcessLimiter::queueGroup(int pid, int rate, int type, bool includeChildren) {
+    {
+        Mutex::Autolock _l(mOwnersLock);
+        if (!mLoopAccepting) return -1;
+    }
+    // Measured here, on a record no other thread sees yet, rather than under mLock.
+    increasePriority();
+    processGroup* g = static_cast<processGroup*>(malloc(sizeof(processGroup)));
+    if (g == nullptr) return 0;
+    initProcessGroup(g, pid, includeChildren, convertRate(rate), type);
+    getProcName(pid, g->package);
+    int members = g->procList != nullptr ? g->procList->count : 0;
+    int n = 0;
+    {
+        Mutex::Autolock _l(mOwnersLock);
+        int queued = !mLoopAccepting ? -1 : mOwnerCount >= MAX_GROUPS ? 0 : 1;
+        if (queued == 1) {
+            mQueuedGroups.push_back(g);
+            mOwners.push_back(pid);
+            n = ++mOwnerCount;
+        }
+        if (queued == 0) ALOGW("Too much need to Sr, ignore this!\n");
+        if (queued != 1) {
+            closeProcessGroup(g);
+            return queued;
+        }
+    }
+    if (bDebug) ALOGD("Members in pGgroup %d owned by %d, number %d\n", n, pid, members);
+    return 1;
 }
 
 int ProcessLimiter::pauseLimit(int pid, int time) {
@@ -1037,14 +1106,15 @@ void ProcessLimiter::publishOwners() {
         processGroup* g = static_cast<processGroup*>(n->data);
         if (g != nullptr) mOwners.push_back(g->ownerPid);
     }
-    mOwnerCount = mGroups->count;
+    for (processGroup* g : mQueuedGroups) mOwners.push_back(g->ownerPid);
+    mOwnerCount = mGroups->count + static_cast<int>(mQueuedGroups.size());
 }
 
 void ProcessLimiter::lockForCommand() {
     mCommandsWaiting++;
     mLock.lock();
     mCommandsWaiting--;
-    applyQueuedRates();
+    applyQueued();
 }
 
 void ProcessLimiter::yieldToCommands() {

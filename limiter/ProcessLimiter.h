@@ -94,8 +94,9 @@ static_assert(offsetof(processGroup, err2) == 8 * sizeof(float), "group field or
 // commands waiting for mLock go before the loop's next cycle. The two queries
 // (islimitedPid, getPgroupNum) read a copy of the owners published under
 // mOwnersLock, a leaf, at every change of the list, and never wait for a cycle;
-// nor does changeParam: a rate it cannot set at once is queued under mOwnersLock
-// and set by the next holder of mLock, before any adjustment reads it. Release notices are queued with mLock held and posted to the listener
+// nor do changeParam and, while a loop runs, add2LimiterGroup: a rate or a new
+// group they cannot place at once is queued under mOwnersLock and placed by the
+// next holder of mLock, before any adjustment reads it. Release notices are queued with mLock held and posted to the listener
 // registry by a notifier thread that holds no limiter lock: a listener stuck in
 // its callback must not keep limited processes stopped or commands waiting.
 // So the registry's lock is never taken inside mLock, and nothing called from
@@ -182,7 +183,9 @@ class ProcessLimiter : public android::RefBase {
     void publishOwners();              // mLock held; after every change of mGroups
     void lockForCommand();             // mLock, counted, so the loop lets it in first
     void yieldToCommands();            // the loop thread, mLock not held
-    void applyQueuedRates();           // mLock held
+    void applyQueued();                // mLock held
+    int queueGroup(int pid, int rate, int type, bool includeChildren);
+    int groupsLeftForLoop();           // mLock held
     void setTargetRate(int pid, float rate);  // mLock held
 
     android::sp<IQmedBinderListenerService> mListener;
@@ -198,6 +201,7 @@ class ProcessLimiter : public android::RefBase {
     android::Mutex mLock;
     int32_t mCpuCount;
     std::atomic<int32_t> mCycle;
+    bool mLoopAccepting;  // mOwnersLock; a loop runs and will place queued groups
 
   private:
     android::Mutex mOwnersLock;
@@ -208,6 +212,7 @@ class ProcessLimiter : public android::RefBase {
         float rate;
     };
     std::vector<QueuedRate> mQueuedRates;
+    std::vector<processGroup*> mQueuedGroups;  // measured, not yet in mGroups
     static constexpr size_t MAX_QUEUED_RATES = 1024;
     std::atomic<int> mCommandsWaiting;
 

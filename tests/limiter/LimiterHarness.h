@@ -19,7 +19,8 @@ class DrivenLimiter : public ProcessLimiter {
   public:
     using ProcessLimiter::adjustWorkingRate, ProcessLimiter::computeGroupLoad,
             ProcessLimiter::findGroup, ProcessLimiter::mCpuCount, ProcessLimiter::mGroups,
-            ProcessLimiter::mLoopRunning, ProcessLimiter::mLoopStart,
+            ProcessLimiter::mLoopAccepting, ProcessLimiter::mLoopRunning,
+            ProcessLimiter::mLoopStart,
             ProcessLimiter::reportQmedState, ProcessLimiter::spearCycle,
             ProcessLimiter::updateLimiterGroup;
     using ProcessLimiter::ProcessLimiter;

@@ -195,26 +195,28 @@ TEST_F(LimiterCycle, StopPhaseSleepsAndAGoneOwnerReleasedAsTgidErrorOffTheLoop) 
     EXPECT_EQ(std::vector<std::string>({std::to_string(pid) + " tgid_error"}), listener->got(3000));
 }
 
-// The loop holds its lock through the stop phase: a pause waits it out, the queries and a rate
-// change answer at once, and the new rate is in place when the cycle's adjustment runs.
-TEST_F(LimiterCycle, QueriesAndRateChangesAnswerDuringAStopPhase) {
-    TestChild kid = TestChild::spawn(Kind::Sleep);
+// The loop holds its lock through the stop phase: a pause waits it out, while the queries, a
+// rate change and an add answer at once; the rate and the group are in place after the cycle.
+TEST_F(LimiterCycle, QueriesRateChangesAndAddsAnswerDuringAStopPhase) {
+    TestChild kid = TestChild::spawn(Kind::Sleep), late = TestChild::spawn(Kind::Sleep);
     addLimited(kid.pid(), 0.5f);
-    pl->holdSleep = true;
+    pl->mLoopAccepting = true, pl->holdSleep = true;  // as a running loop
     auto cycle = std::async(std::launch::async, [&] { return pl->spearCycle(); });
     ASSERT_TRUE(waitUntil([&] { return pl->inSleep.load(); }, 3000));
     auto pause = std::async(std::launch::async, [&] { return pl->pauseLimit(kid.pid(), 1); });
     auto answers = std::async(std::launch::async, [&] {
         return Ints({pl->getPgroupNum(), pl->islimitedPid(kid.pid()), pl->islimitedPid(999999),
-                     pl->changeParam(kid.pid(), 70)});
+                     pl->changeParam(kid.pid(), 70), pl->add2LimiterGroup(late.pid(), 30, 0, 0),
+                     pl->getPgroupNum(), pl->islimitedPid(late.pid())});
     });
     bool answered = answers.wait_for(std::chrono::seconds(2)) == std::future_status::ready;
     bool paused = pause.wait_for(std::chrono::milliseconds(100)) == std::future_status::ready;
     pl->holdSleep = false;
     EXPECT_TRUE(answered && !paused);
-    EXPECT_EQ(Ints({1, 1, 0, 0}), answers.get());
-    EXPECT_EQ(Ints({1, 1}), Ints({pause.get(), cycle.get()}));
+    EXPECT_EQ(Ints({1, 1, 0, 0, 1, 2, 1}), answers.get());
+    EXPECT_EQ(Ints({1, 2}), Ints({pause.get(), cycle.get()}));
     EXPECT_FLOAT_EQ(0.7f, pl->findGroup(kid.pid())->targetRate);
+    EXPECT_FLOAT_EQ(0.3f, pl->findGroup(late.pid())->targetRate);
 }
 
 TEST_F(LimiterCycle, LimitingBeginsOnTheFourthCycleAndAPauseKeepsTheLongerCount) {
@@ -328,11 +330,15 @@ TEST(LimiterStress, LockOrderHoldsUnderConcurrentCommandsAndNotices) {
     sleep(4);
     stop = true;
     for (auto& t : threads) t.join();
+    {  // one more that goes away, so a notice comes whatever the stops above let through
+        TestChild gone = TestChild::spawn(Kind::Sleep);
+        EXPECT_EQ(1, spear->doSpear(gone.pid(), 30, 0, false));
+    }
+    EXPECT_FALSE(listener->got(5000).empty());
     spear->stopSpearAll();  // whatever is still limited is let go
     EXPECT_TRUE(waitUntil([&] { return !limiter->mLoopRunning; }, 10000));
     for (TestChild& c : pool)
         EXPECT_TRUE(waitUntil([&] { return procState(c.pid()) != 'T'; }, 2000));
-    EXPECT_FALSE(listener->got(3000).empty());
     limiter->mListener.clear();  // the registry holds us through the facade
     alarm(0);
 }
