@@ -308,17 +308,18 @@ void overhead(int seconds) {
 
 // Commands issued at random moments while `groups` light processes are limited at 50 %:
 // a query (is it limited), a change of rate and a pause of no cycles, which releases the
-// group's processes and so has to wait for the loop's stop phase to end.
+// group's processes and so has to wait for the loop's stop phase to end; and the adds of the
+// groups themselves, one after the other.
 void commandWait(int groups, int seconds) {
     android::sp<BenchLimiter> pl = new BenchLimiter();
     std::vector<pid_t> children;
-    pl->hold(true);
-    for (int i = 0; i < groups; i++) {
+    std::vector<double> add, query, change, pause;
+    for (int i = 0; i < groups; i++) {  // the loop runs from the first one on
         children.push_back(spawn(true));
+        auto a = Clock::now();
         pl->add2LimiterGroup(children.back(), 50, 0, false);
+        add.push_back(std::chrono::duration<double, std::milli>(Clock::now() - a).count());
     }
-    pl->hold(false);
-    std::vector<double> query, change, pause;
     std::mt19937 rng(groups);
     auto end = Clock::now() + std::chrono::seconds(seconds);
     while (Clock::now() < end) {
@@ -339,6 +340,7 @@ void commandWait(int groups, int seconds) {
         printf("  command wait, %d groups, %-6s median %9.2f ms  max %9.2f ms  (%zu commands)\n",
                groups, what, v[v.size() / 2], v.back(), v.size());
     };
+    report("add", add);
     report("query", query);
     report("change", change);
     report("pause", pause);
