@@ -265,14 +265,22 @@ bool Freezer::thawPid(int pid) {
 
 bool Freezer::thawAll(bool force) {
     ALOGI("Thaw All Begin,force:%d", force ? 1 : 0);
-    bool locked = true;
     if (!force) {
-        mLock.lock();
+        Mutex::Autolock lock(mLock);
+        thawEachFrozen();
+    } else if (mLock.tryLock() == 0) {
+        thawEachFrozen();
+        mLock.unlock();
     } else {
         // A dying client must never leave processes frozen, even when a binder thread is
         // stuck inside a freeze holding the lock.
-        locked = mLock.tryLock() == android::NO_ERROR;
+        thawEachFrozen();
     }
+    ALOGI("Thaw All End");
+    return true;
+}
+
+void Freezer::thawEachFrozen() {
     for (;;) {
         int pid;
         size_t size;
@@ -287,9 +295,6 @@ bool Freezer::thawAll(bool force) {
             if (bDebug) ALOGD("Thaw pid %d fail", pid);
         }
     }
-    if (locked) mLock.unlock();
-    ALOGI("Thaw All End");
-    return true;
 }
 
 void Freezer::recordBinderCallTime(int callingPid, int pid) {

@@ -35,8 +35,8 @@ static_assert(offsetof(BinderCallInfo, reserved) == 12, "BinderCallInfo layout")
 //
 // Threading: public entry points (freezeProcess, thawAll, isFreezed, recordBinderCallTime)
 // may be called from any thread and take mLock themselves; thawAll(true) only tries it.
-// freezePids, thawPids, freezePid, thawPid, getLastBinderCallInfo and printAllGroups must be
-// called with mLock held. getInstance() takes no lock: call it first during start-up.
+// freezePids, thawPids, freezePid, getLastBinderCallInfo and printAllGroups must be called
+// with mLock held. getInstance() takes no lock: call it first during start-up.
 // mStateLock guards mFrozenPids alone and is held only across one pid's cgroup writes, so the
 // forced thaw-all, which does not wait for mLock, never races a freeze on the map.
 // Lock order: mLock, then mStateLock, then the pool's lock.
@@ -71,12 +71,9 @@ class Freezer : public android::RefBase {
     bool thawAll(bool force);
     void recordBinderCallTime(int callingPid, int pid);
 
-    bool freezePids(int* pids, int count, bool checkBinder);
-    bool thawPids(int* pids, int count);
-    bool freezePid(int pid, bool checkBinder);
-    bool thawPid(int pid);
-    const BinderCallInfo* getLastBinderCallInfo(int pid);
-    void printAllGroups();
+    bool thawPids(int* pids, int count) REQUIRES(mLock);
+    bool freezePid(int pid, bool checkBinder) REQUIRES(mLock);
+    const BinderCallInfo* getLastBinderCallInfo(int pid) REQUIRES(mLock);
 
     static int getTgid(int tid);
 
@@ -85,17 +82,23 @@ class Freezer : public android::RefBase {
     android::String8 groupNameOf(int pid);
     android::sp<GroupPool> getGroupPool() { return mGroupPool; }
     // For tests of the forced thaw path.
-    android::Mutex& lockForTest() { return mLock; }
+    android::Mutex& lockForTest() RETURN_CAPABILITY(mLock) { return mLock; }
 
   private:
-    android::KeyedVector<int, android::sp<CGroup>> mFrozenPids;
+    bool freezePids(int* pids, int count, bool checkBinder) REQUIRES(mLock);
+    // Needs only mStateLock: the forced thaw-all calls it when mLock cannot be had.
+    bool thawPid(int pid);
+    void thawEachFrozen();
+    void printAllGroups() REQUIRES(mLock);
+
+    android::KeyedVector<int, android::sp<CGroup>> mFrozenPids GUARDED_BY(mStateLock);
     android::sp<GroupPool> mGroupPool;
     bool mInited;
     bool mCheckBinder;
     android::Mutex mLock;
-    android::KeyedVector<int, BinderCallInfo> mBinderCallBufs[2];
-    int32_t mCurBinderCallBuf;
-    android::sp<Kstate> mKstate;
+    android::KeyedVector<int, BinderCallInfo> mBinderCallBufs[2] GUARDED_BY(mLock);
+    int32_t mCurBinderCallBuf GUARDED_BY(mLock);
+    android::sp<Kstate> mKstate GUARDED_BY(mLock);
     android::Mutex mStateLock;
     android::String8 mRoot;
     Clock mClock;

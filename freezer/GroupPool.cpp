@@ -41,6 +41,7 @@ void GroupPool::clearGroups() {
 
 bool GroupPool::createGroupPool() {
     if (mPoolSize == 0) return true;
+    Mutex::Autolock lock(mLock);
     for (uint32_t i = 0; i < mPoolSize; i++) {
         sp<CGroup> group = createGroup();
         if (group == nullptr) {
@@ -175,6 +176,7 @@ void GroupPool::putGroup(sp<CGroup> group) {
 
 void GroupPool::deleteGroupPool() {
     if (bDebug) ALOGD("deleteGroupPool");
+    Mutex::Autolock lock(mLock);
     while (!mGroups.empty()) {
         auto it = mGroups.begin();
         deleteGroup(*it);

@@ -11,9 +11,9 @@
 
 // Pool of pre-created, uniquely named freezer groups, handed out one per frozen process.
 //
-// Threading: getGroup and putGroup take mLock (always inside the Freezer's mutex, never the
-// other way round). The constructor, createGroupPool and deleteGroupPool run without mLock and
-// are called only while the Freezer initialises or tears down.
+// Threading: every public method takes mLock (getGroup and putGroup always inside the Freezer's
+// mutex, never the other way round). createGroupPool and deleteGroupPool are called only while
+// the Freezer initialises or tears down; the constructor runs without mLock.
 class GroupPool : public android::RefBase {
   public:
     static constexpr const char* kRandomSource = "/dev/urandom";
@@ -37,11 +37,11 @@ class GroupPool : public android::RefBase {
 
   private:
     void clearGroups();
-    android::sp<CGroup> createGroup();
-    bool addGroup(android::sp<CGroup> group);
-    bool deleteGroup(android::sp<CGroup> group);
-    android::String8 getAvailableName();
-    bool isNameAvailable(android::String8 name);
+    android::sp<CGroup> createGroup() REQUIRES(mLock);
+    bool addGroup(android::sp<CGroup> group) REQUIRES(mLock);
+    bool deleteGroup(android::sp<CGroup> group) REQUIRES(mLock);
+    android::String8 getAvailableName() REQUIRES(mLock);
+    bool isNameAvailable(android::String8 name) REQUIRES(mLock);
     android::String8 getRandomString();
 
     typedef android::List<android::sp<CGroup>>::iterator Slot;
@@ -50,13 +50,13 @@ class GroupPool : public android::RefBase {
         size_t index;  // creation order
     };
 
-    android::List<android::sp<CGroup>> mGroups;
+    android::Mutex mLock;
+    android::List<android::sp<CGroup>> mGroups GUARDED_BY(mLock);
     // Every group before mFirstFree is handed out, and each group's place in mGroups is known:
     // handing out and taking back cost the same with 800 groups as with 20.
-    Position mFirstFree;
-    std::unordered_map<const CGroup*, Position> mPositions;
-    android::Mutex mLock;
-    uint32_t mGroupCount;
+    Position mFirstFree GUARDED_BY(mLock);
+    std::unordered_map<const CGroup*, Position> mPositions GUARDED_BY(mLock);
+    uint32_t mGroupCount GUARDED_BY(mLock);
     uint32_t mPoolSize;
     android::String8 mRoot;
     android::String8 mRandomSource;
