@@ -5,10 +5,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <log/log.h>
+#include <safe_str_lib.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <safe_str_lib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,7 +79,7 @@ int CGroup::cachedFdBudget() {
             return kMaxCachedFds;
         rlim_t quarter = rl.rlim_cur / 4;
         return quarter < static_cast<rlim_t>(kMaxCachedFds) ? static_cast<int>(quarter)
-                                                             : kMaxCachedFds;
+                                                            : kMaxCachedFds;
     }();
     return budget;
 }

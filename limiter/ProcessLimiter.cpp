@@ -233,9 +233,13 @@ static void freeNodes(list* l, bool freeData) {
     l->last = nullptr;
 }
 
-void ProcessLimiter::clearList(list* l) { freeNodes(l, false); }
+void ProcessLimiter::clearList(list* l) {
+    freeNodes(l, false);
+}
 
-void ProcessLimiter::destroyList(list* l) { freeNodes(l, true); }
+void ProcessLimiter::destroyList(list* l) {
+    freeNodes(l, true);
+}
 
 void ProcessLimiter::sortListBubble(listNode* first) {
     for (listNode* a = first; a != nullptr && a->next != nullptr; a = a->next) {

@@ -96,7 +96,8 @@ static_assert(offsetof(processGroup, err2) == 8 * sizeof(float), "group field or
 // mOwnersLock, a leaf, at every change of the list, and never wait for a cycle;
 // nor do changeParam and, while a loop runs, add2LimiterGroup: a rate or a new
 // group they cannot place at once is queued under mOwnersLock and placed by the
-// next holder of mLock, before any adjustment reads it. Release notices are queued with mLock held and posted to the listener
+// next holder of mLock, before any adjustment reads it.
+// Release notices are queued with mLock held and posted to the listener
 // registry by a notifier thread that holds no limiter lock: a listener stuck in
 // its callback must not keep limited processes stopped or commands waiting.
 // So the registry's lock is never taken inside mLock, and nothing called from
@@ -185,7 +186,7 @@ class ProcessLimiter : public android::RefBase {
     void yieldToCommands();            // the loop thread, mLock not held
     void applyQueued();                // mLock held
     int queueGroup(int pid, int rate, int type, bool includeChildren);
-    int groupsLeftForLoop();           // mLock held
+    int groupsLeftForLoop();                  // mLock held
     void setTargetRate(int pid, float rate);  // mLock held
 
     android::sp<IQmedBinderListenerService> mListener;

@@ -23,10 +23,10 @@
 #include "daemon/IQmedBinderService.h"
 #include "freezer/Freezer.h"
 #include "msghub/ChannelManager.h"
-#include "tools/kmodsim/KmodsimControl.h"
 #include "tests/support/DaemonHarness.h"
 #include "tests/support/TestChild.h"
 #include "tests/support/ToolRunner.h"
+#include "tools/kmodsim/KmodsimControl.h"
 
 using android::defaultServiceManager;
 using android::IBinder;
@@ -215,7 +215,8 @@ int main(int argc, char** argv) {
         const int batch = IQmedBinderService::kMaxListNum - 1;
         auto binderFreeze = [&] {
             for (int from = 0; from < n; from += batch) {
-                std::vector<int> list(pids.begin() + from, pids.begin() + std::min(n, from + batch));
+                std::vector<int> list(pids.begin() + from,
+                                      pids.begin() + std::min(n, from + batch));
                 list.push_back(-1);
                 if (doFreezer(1, list) != 0) return false;
             }

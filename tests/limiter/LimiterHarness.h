@@ -20,8 +20,7 @@ class DrivenLimiter : public ProcessLimiter {
     using ProcessLimiter::adjustWorkingRate, ProcessLimiter::computeGroupLoad,
             ProcessLimiter::findGroup, ProcessLimiter::mCpuCount, ProcessLimiter::mGroups,
             ProcessLimiter::mLoopAccepting, ProcessLimiter::mLoopRunning,
-            ProcessLimiter::mLoopStart,
-            ProcessLimiter::reportQmedState, ProcessLimiter::spearCycle,
+            ProcessLimiter::mLoopStart, ProcessLimiter::reportQmedState, ProcessLimiter::spearCycle,
             ProcessLimiter::updateLimiterGroup;
     using ProcessLimiter::ProcessLimiter;
 
@@ -31,7 +30,7 @@ class DrivenLimiter : public ProcessLimiter {
         now.tv_usec = us % 1000000;
     }
     struct timeval now = {1000000, 0};
-    std::vector<int> sleepsMs;  // asked for, rounded
+    std::vector<int> sleepsMs;                           // asked for, rounded
     std::atomic<bool> holdSleep{false}, inSleep{false};  // a sleep held while holdSleep
     int loopStarts = 0;
 
