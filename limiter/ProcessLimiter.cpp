@@ -885,9 +885,10 @@ float ProcessLimiter::convertRate(int rate) {
 
 namespace {
 // Releases a lock taken by lockForCommand at the end of the scope.
-struct Unlocker {
+struct SCOPED_CAPABILITY Unlocker {
+    explicit Unlocker(Mutex& held) REQUIRES(held) : lock(held) {}
+    ~Unlocker() RELEASE() { lock.unlock(); }
     Mutex& lock;
-    ~Unlocker() { lock.unlock(); }
 };
 }  // namespace
 
@@ -901,7 +902,7 @@ processGroup* ProcessLimiter::findGroup(int pid) {
 
 int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeChildren) {
     if (!isPidEqualTgid(pid)) return -5;
-    if (mLock.tryLock() == android::NO_ERROR) {
+    if (mLock.tryLock() == 0) {
         applyQueued();
     } else {
         int queued = queueGroup(pid, rate, type, includeChildren);
@@ -938,17 +939,18 @@ int ProcessLimiter::add2LimiterGroup(int pid, int rate, int type, bool includeCh
 
 int ProcessLimiter::changeParam(int pid, int rate) {
     float r = convertRate(rate);
-    bool locked = mLock.tryLock() == android::NO_ERROR;
-    if (!locked) {
-        // The target is read only when the loop adjusts rates after its stop phase, so the
-        // caller need not wait that phase out.
-        Mutex::Autolock _l(mOwnersLock);
-        if (mQueuedRates.size() < MAX_QUEUED_RATES) {
-            mQueuedRates.push_back({pid, r});
-            return 0;
+    if (mLock.tryLock() != 0) {
+        {
+            // The target is read only when the loop adjusts rates after its stop phase, so the
+            // caller need not wait that phase out.
+            Mutex::Autolock _l(mOwnersLock);
+            if (mQueuedRates.size() < MAX_QUEUED_RATES) {
+                mQueuedRates.push_back({pid, r});
+                return 0;
+            }
         }
+        lockForCommand();
     }
-    if (!locked) lockForCommand();
     applyQueued();
     setTargetRate(pid, r);
     mLock.unlock();

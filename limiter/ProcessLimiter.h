@@ -148,11 +148,9 @@ class ProcessLimiter : public android::RefBase {
     bool isPidEqualTgid(int pid);
     int getProcName(int pid, char* name);
 
-    // Process groups. Called with mLock held.
+    // Process groups: with mLock held once the group is listed.
     void initProcessGroup(processGroup* g, int pid, bool includeChildren, float rate, int type);
     void updateProcessGroup(processGroup* g);
-    int removeProcess(processGroup* g, int pid);
-    void noticeProcess(processGroup* g, int sig);
     void closeProcessGroup(processGroup* g);
     void adjustWorkingRate(processGroup* g);
 
@@ -163,38 +161,37 @@ class ProcessLimiter : public android::RefBase {
     virtual void startSpearLoop();
 
     void initProcessLimiter();
-    void initLimiterGroup();
+    // From the constructor, before another thread can see the limiter.
+    void initLimiterGroup() NO_THREAD_SAFETY_ANALYSIS;
     void spearLoop();
     // One stop/continue cycle followed by the update; returns the group count.
     int spearCycle();
-    void updateLimiterGroup();  // mLock held
+    void updateLimiterGroup() REQUIRES(mLock);
     void computeGroupLoad(processGroup* g);
-    bool judgeAutoQuit(listNode* node);                    // mLock held
-    void tgidErrQuit(listNode* node);                      // mLock held
-    int sendStopMessageToQm(int pid, const char* reason);  // mLock held; queues the notice
-    void noticeLoop();                                     // the notifier thread
+    bool judgeAutoQuit(listNode* node) REQUIRES(mLock);
+    void tgidErrQuit(listNode* node) REQUIRES(mLock);
+    // Queues the notice.
+    int sendStopMessageToQm(int pid, const char* reason) REQUIRES(mLock);
+    void noticeLoop();  // the notifier thread
     void increasePriority();
     void reportProcGroup(processGroup* g);
-    void reportQmedState();
-    void releaseProcess(processGroup* g);  // mLock held
-    // Forgets a member that could not be signalled; mLock held.
-    void dropDeadMember(processGroup* g, listNode* n, int prio);
+    void reportQmedState() REQUIRES(mLock);
     float convertRate(int rate);
-    processGroup* findGroup(int pid);  // mLock held
-    void publishOwners();              // mLock held; after every change of mGroups
-    void lockForCommand();             // mLock, counted, so the loop lets it in first
-    void yieldToCommands();            // the loop thread, mLock not held
-    void applyQueued();                // mLock held
+    processGroup* findGroup(int pid) REQUIRES(mLock);
+    void publishOwners() REQUIRES(mLock);  // after every change of mGroups
+    void lockForCommand() ACQUIRE(mLock);  // counted, so the loop lets it in first
+    void yieldToCommands();                // the loop thread, mLock not held
+    void applyQueued() REQUIRES(mLock);
     int queueGroup(int pid, int rate, int type, bool includeChildren);
-    int groupsLeftForLoop();                  // mLock held
-    void setTargetRate(int pid, float rate);  // mLock held
+    int groupsLeftForLoop() REQUIRES(mLock);
+    void setTargetRate(int pid, float rate) REQUIRES(mLock);
 
     android::sp<IQmedBinderListenerService> mListener;
-    list* mGroups;
-    processGroup* mSelfGroup;
-    struct timeval mLoopStart;
+    list* mGroups PT_GUARDED_BY(mLock);
+    processGroup* mSelfGroup PT_GUARDED_BY(mLock);
+    struct timeval mLoopStart GUARDED_BY(mLock);
     bool mInited;
-    struct timespec mSleep;
+    struct timespec mSleep GUARDED_BY(mLock);
     int32_t mLogInterval;
     int32_t mGroupReportInterval;
     int32_t mStateReportInterval;
@@ -202,18 +199,26 @@ class ProcessLimiter : public android::RefBase {
     android::Mutex mLock;
     int32_t mCpuCount;
     std::atomic<int32_t> mCycle;
-    bool mLoopAccepting;  // mOwnersLock; a loop runs and will place queued groups
+    bool mLoopAccepting GUARDED_BY(mOwnersLock);  // a loop runs and will place queued groups
 
   private:
+    int removeProcess(processGroup* g, int pid) REQUIRES(mLock);
+    void noticeProcess(processGroup* g, int sig) REQUIRES(mLock);
+    void releaseProcess(processGroup* g) REQUIRES(mLock);
+    // Forgets a member that could not be signalled.
+    void dropDeadMember(processGroup* g, listNode* n, int prio) REQUIRES(mLock);
+
     android::Mutex mOwnersLock;
-    std::vector<int32_t> mOwners;  // owners of the listed groups, in list order
-    int mOwnerCount;               // mGroups->count
+    // Owners of the listed groups, in list order, and mGroups->count.
+    std::vector<int32_t> mOwners GUARDED_BY(mOwnersLock);
+    int mOwnerCount GUARDED_BY(mOwnersLock);
     struct QueuedRate {
         int pid;
         float rate;
     };
-    std::vector<QueuedRate> mQueuedRates;
-    std::vector<processGroup*> mQueuedGroups;  // measured, not yet in mGroups
+    std::vector<QueuedRate> mQueuedRates GUARDED_BY(mOwnersLock);
+    // Measured, not yet in mGroups.
+    std::vector<processGroup*> mQueuedGroups GUARDED_BY(mOwnersLock);
     static constexpr size_t MAX_QUEUED_RATES = 1024;
     std::atomic<int> mCommandsWaiting;
 
@@ -226,6 +231,6 @@ class ProcessLimiter : public android::RefBase {
 
     const ProcReader mProc;
     android::Mutex mNoticeLock;  // a leaf: nothing is locked inside it
-    std::deque<StopNotice> mNotices;
-    bool mNotifierRunning;
+    std::deque<StopNotice> mNotices GUARDED_BY(mNoticeLock);
+    bool mNotifierRunning GUARDED_BY(mNoticeLock);
 };
