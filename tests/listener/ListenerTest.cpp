@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <thread>
@@ -14,7 +13,6 @@
 #include "listener/IQmedBinderListenerService.h"
 #include "tests/support/HubWire.h"
 #include "tests/support/TestChild.h"
-#include "tests/support/ToolRunner.h"
 
 using android::sp;
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <host/LogCapture.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <functional>
