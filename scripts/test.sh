@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds everything and runs every test: natively, under AddressSanitizer +
 # UBSan, the concurrency tests under ThreadSanitizer, and on 32-bit ARM under
-# qemu-arm. Installs the Debian packages it needs first.
+# qemu-arm. First, clang checks the lock annotations (compile only).
+# Installs the Debian packages it needs first.
 #
 #   scripts/test.sh               all stages
 #   QMED_STAGES="native asan" scripts/test.sh
@@ -10,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-stages=${QMED_STAGES:-native asan tsan armhf}
+stages=${QMED_STAGES:-tsa native asan tsan armhf}
 jobs=${QMED_JOBS:-$(nproc)}
 export CTEST_OUTPUT_ON_FAILURE=1
 
@@ -29,6 +30,12 @@ start=$(date +%s)
 for s in $stages; do
     t0=$(date +%s)
     case "$s" in
+        tsa)
+            stage "lock annotations checked by clang, build only (build/tsa)"
+            cmake -S "$root" -B build/tsa -G Ninja -DCMAKE_BUILD_TYPE=Tsa -DQMED_BUILD_BENCH=OFF \
+                -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+            # The engines and the daemon; tests drive engine internals without the locks.
+            cmake --build build/tsa -j "$jobs" --target qmed ykqmed ;;
         native)
             stage "native build and tests (build/)"
             build build Debug
