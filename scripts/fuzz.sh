@@ -99,6 +99,10 @@ fuzz() {
     local time=$((SECONDS - start)) execs finding=none
     execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
     [ -n "$execs" ] || execs=$(grep -oE '^#[0-9]+' "$log" | tail -n 1 | tr -d '#' || true)
+    # A run ended early with SIGINT to the fuzzer still counts, without a finding.
+    if [ "$rc" = 72 ] && grep -q '^==[0-9]*== libFuzzer: run interrupted' "$log"; then
+        rc=0 finding="none (interrupted)"
+    fi
     if [ "$rc" != 0 ]; then
         finding="exit $rc: $(grep -m 1 -E '^(==[0-9]+==ERROR|SUMMARY|.*runtime error)' "$log" |
                              cut -c 1-100 || true) (see $log, $artifacts/)"
@@ -125,6 +129,6 @@ status=0
 printf '%-9s %12s %9s %8s  %s\n' target executions time exec/s findings
 for t in $targets; do
     if [ -f "$build/$t.result" ]; then cat "$build/$t.result"; else echo "$t: no result"; fi
-    grep -q ' none$' "$build/$t.result" 2>/dev/null || status=1
+    grep -qE '  none( \(interrupted\))?$' "$build/$t.result" 2>/dev/null || status=1
 done
 exit $status
