@@ -43,10 +43,6 @@ TEST(Registry, RegistersDeliversByBitThrottlesAndThaws) {
     ASSERT_TRUE(freezer->isFrzInited()) << "run through qmed-ns";
     TestChild systemServer = TestChild::spawn(TestChild::Kind::Sleep, "system_server");
     TestChild child = TestChild::spawn(TestChild::Kind::Busy, "qmedRegFrz");
-    struct Thaw {  // before the child is killed, whatever happens
-        sp<Freezer> f;
-        ~Thaw() { f->thawAll(false); }
-    } thaw{freezer};
     sp<IQmedBinderListenerService> registry = new IQmedBinderListenerService(freezer, nullptr);
     registry->setClock([](time_t* out) { return out ? *out = gNow : gNow; });
     // No system server known yet: a call from pid 0 is not taken for one.
