@@ -75,11 +75,8 @@ TEST_F(Qmedctl, ExitCodesFollowTheReplyAndWarningsGoToStderr) {
     std::string tid;  // a thread of the daemon: not a process
     for (const auto& e : std::filesystem::directory_iterator("/proc/" + dpid + "/task"))
         if (e.path().filename() != dpid) tid = e.path().filename();
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        std::string out, err;
-    } rows[] = {
+    // Arguments, exit status, stdout, a part of stderr.
+    const std::tuple<std::vector<std::string>, int, std::string, std::string> rows[] = {
             {{"freeze", "999999"}, 0, "freeze: ok (result 0)\n", "no process has pid 999999;"},
             {{"thaw", tid}, 0, "thaw: ok (result 0)\n", " is a thread of process " + dpid},
             {{"dump"}, 0, "", "no listener takes dump requests"},
@@ -91,10 +88,10 @@ TEST_F(Qmedctl, ExitCodesFollowTheReplyAndWarningsGoToStderr) {
             {{"cmdline", "x1"}, 2, "", "not a number: x1"},
             {{"status", "--yaml"}, 2, "", "usage: qmedctl status [--json]"},
     };
-    for (const auto& row : rows) {
-        ToolResult r = d.qmedctl(row.args);
-        EXPECT_TRUE(r.exitCode == row.code && r.out == row.out && has(r.err, row.err))
-                << row.args[0] << ": " << r.exitCode << "\n"
+    for (const auto& [args, code, out, err] : rows) {
+        ToolResult r = d.qmedctl(args);
+        EXPECT_TRUE(r.exitCode == code && r.out == out && has(r.err, err))
+                << args[0] << ": " << r.exitCode << "\n"
                 << r.out << r.err;
     }
     // Usage errors are found before the service is looked for.
