@@ -34,24 +34,21 @@ class FakeSockets : public SocketOps {
     std::vector<std::string> sent(int n) {
         std::vector<std::string> out;
         char buf[8192];
-        for (ssize_t len; (len = ::recv(peers[n], buf, sizeof(buf), MSG_DONTWAIT)) > 0;) {
+        for (ssize_t len; (len = ::recv(peers[n], buf, sizeof(buf), MSG_DONTWAIT)) > 0;)
             out.push_back(hex(buf, static_cast<size_t>(len)));
-        }
         return out;
     }
     static std::string hex(const void* data, size_t len) {
         std::string s;
-        for (const uint8_t* b = static_cast<const uint8_t*>(data); len-- > 0; b++) {
+        for (const uint8_t* b = static_cast<const uint8_t*>(data); len-- > 0; b++)
             s += {"0123456789abcdef"[*b >> 4], "0123456789abcdef"[*b & 15]};
-        }
         return s;
     }
 
     int socket(int domain, int type, int protocol) override {
         int sv[2];
-        if (fails("socket") || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0) {
+        if (fails("socket") || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) != 0)
             return -1;
-        }
         mNumber[sv[0]] = static_cast<int>(peers.size());
         peers.push_back(sv[1]);
         log("socket", sv[0],
