@@ -53,7 +53,8 @@ target_link_libraries(qmed PUBLIC qmed_platform qmed_android)
 # qmed_add_gtest(NAME src... [LIBS lib...] [LABELS label...] [WRAPPER cmd...])
 # Builds a GoogleTest binary into bin/ and registers one CTest test per case.
 # WRAPPER runs the binary through a command (for example tools/qmed-ns for a
-# private mount/network namespace).
+# private mount/network namespace); such a test starts the daemon and its tools,
+# so it is built after them and never runs a stale daemon.
 find_package(GTest REQUIRED)
 include(GoogleTest)
 # Everything the concurrency-labelled tests need, so a ThreadSanitizer build can
@@ -72,6 +73,7 @@ function(qmed_add_gtest name)
     add_dependencies(qmed_concurrency_tests ${name})
   endif()
   if(T_WRAPPER)
+    add_dependencies(${name} ykqmed qmedctl service kmodsim kmodshim)
     add_test(NAME ${name} COMMAND ${T_WRAPPER} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES LABELS "${_labels}" TIMEOUT 600 ${T_PROPERTIES})
   else()
